@@ -1,0 +1,234 @@
+#include "communication/communication.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "communication/producttable.h"
+#include "core/settings.h"
+#include "core/trace.h"
+#include "core/ui.h"
+
+namespace tessitor {
+namespace {
+
+constexpr std::uint32_t kLongCommandTimeoutMs = 50000; // "SG", "SV": the drive writes its flash
+constexpr std::uint32_t kUploadTimeoutMs = 5000;       // "BH" uploads and "DL" lines
+constexpr std::uint32_t kLinkCheckTimeoutMs = 1000;
+constexpr std::uint32_t kIdentifyTimeoutMs = 5000;
+constexpr char kEchoProbe[] = "\\COMMUNICATION";
+constexpr char kDontCheckEcho[] = "Don't Check Echo";
+
+bool StartsWith(const std::string& text, const char* prefix)
+{
+    return text.rfind(prefix, 0) == 0;
+}
+
+bool IsDownloadLine(const std::string& command)
+{
+    return StartsWith(command, "DL") && !command.empty() && command.back() == '\\';
+}
+
+std::string UpToCarriageReturn(const std::string& text)
+{
+    return text.substr(0, text.find('\r'));
+}
+
+} // namespace
+
+CCommunication::CCommunication(const CCommunicationInfo& info)
+    : m_Info(info), m_pErrorTexts(CDriveErrorTable::Default())
+{
+}
+
+CCommunication::~CCommunication()
+{
+    for (size_t i = m_arListenersCom.size(); i-- > 0;) {
+        CListenerComm* listener = nullptr;
+        {
+            std::lock_guard lock(m_csListeners);
+            if (i >= m_arListenersCom.size())
+                continue;
+            listener = m_arListenersCom[i];
+        }
+        listener->OnCommunicationDestroy(this);
+    }
+}
+
+void CCommunication::Disconnect()
+{
+    for (size_t i = m_arListenersCom.size(); i-- > 0;) {
+        CListenerComm* listener = nullptr;
+        {
+            std::lock_guard lock(m_csListeners);
+            if (i >= m_arListenersCom.size())
+                continue;
+            listener = m_arListenersCom[i];
+        }
+        listener->OnCommunicationDisconnect(this);
+    }
+}
+
+void CCommunication::AddListenerCom(CListenerComm* pListener)
+{
+    Trace::Write("CCommunication::AddListenerCom(CListenerComm *pListener)\n");
+    std::lock_guard lock(m_csListeners);
+    if (std::find(m_arListenersCom.begin(), m_arListenersCom.end(), pListener) == m_arListenersCom.end())
+        m_arListenersCom.push_back(pListener);
+}
+
+void CCommunication::RemoveListenerCom(CListenerComm* pListener)
+{
+    Trace::Write("CCommunication::RemoveListenerCom(CListenerComm *pListener)\n");
+    std::lock_guard lock(m_csListeners);
+    auto it = std::find(m_arListenersCom.begin(), m_arListenersCom.end(), pListener);
+    if (it != m_arListenersCom.end())
+        m_arListenersCom.erase(it);
+}
+
+int CCommunication::SendCommand(const std::string& command, std::string& reply, std::uint32_t timeoutMs,
+                                std::int32_t force)
+{
+    if (!IsConnected())
+        throw CExceptionComm(3, this, kErrSrcSetup);
+
+    std::unique_lock lock(m_csTransaction);
+    // A link that timed out stays quiet until a forced command gets through.
+    if (force == 0 && m_nTimeoutLatch == 1)
+        throw CExceptionComm(COM_TIMEOUT, this, kErrSrcTransport);
+    if (command.size() + 2 > kMaxCommandBytes)
+        throw CExceptionComm(-1, this, kErrSrcLink, "Output buffer is too long!");
+
+    if (command == "SG" || command == "SV")
+        timeoutMs = kLongCommandTimeoutMs;
+    else if (StartsWith(command, "BH") || StartsWith(command, "bh"))
+        timeoutMs = kUploadTimeoutMs;
+
+    // Families other than DSP and STP end listings (and download lines) with
+    // 0x08 instead of ";".
+    bool listingFamily = m_sProcessorType != "DSP" && m_sProcessorType != "STP";
+    bool switchTerminator = listingFamily && (command == "LS" || command == "CC");
+
+    if (command == "MO=1" || command == "XQ")
+        m_nStateChanged = 1;
+
+    std::string wire = command;
+    if (IsDownloadLine(command)) {
+        switchTerminator = listingFamily;
+        timeoutMs = kUploadTimeoutMs;
+        m_nStateChanged = 1;
+    } else {
+        wire += '\r';
+    }
+
+    if (switchTerminator)
+        ToggleTerminator();
+    int result = Exchange(wire, reply, timeoutMs, m_nCheckEcho);
+    if (switchTerminator)
+        ToggleTerminator();
+
+    if (result != COM_OK) {
+        if (result == COM_TIMEOUT)
+            m_nTimeoutLatch = 1;
+        throw CExceptionComm(result, this, kErrSrcTransport);
+    }
+    m_nTimeoutLatch = 0;
+    return 0;
+}
+
+int CCommunication::CheckDriveError(const std::string& command, const std::string& reply, std::string& message) const
+{
+    size_t question = reply.find('?');
+    if (question == std::string::npos || question == 0)
+        return 0;
+    int n = static_cast<unsigned char>(reply[question - 1]);
+    if (n == 0)
+        return 0;
+    char head[64 + kMaxCommandBytes];
+    std::snprintf(head, sizeof head, "Error (%d) :  '%s' : ", n, command.c_str());
+    message = head + GetDriveErrorText(n) + " !";
+    return 1;
+}
+
+std::string CCommunication::ExtractValue(const std::string& command, const std::string& reply)
+{
+    const long length = static_cast<long>(command.size());
+    const long replyLength = static_cast<long>(reply.size());
+    long count = replyLength - (length + 2);
+    if (count <= 0)
+        count = 1;
+    if (length + 1 >= replyLength)
+        return {};
+    return reply.substr(static_cast<size_t>(length + 1), static_cast<size_t>(count));
+}
+
+int CCommunication::SendCommandGetValue(const std::string& command, std::string& value, std::uint32_t timeoutMs)
+{
+    if (m_nLinkBroken == 1)
+        return -1;
+    std::lock_guard outer(m_csValueSend);
+    std::string reply;
+    SendCommand(command, reply, timeoutMs, 0);
+    std::string message;
+    if (CheckDriveError(command, reply, message))
+        throw CExceptionComm(-1, this, kErrSrcDrive, message);
+    value = ExtractValue(command, reply);
+    return 0;
+}
+
+int CCommunication::SendCommandGetReply(const std::string& command, std::string& reply, std::uint32_t timeoutMs)
+{
+    return SendCommand(command, reply, timeoutMs, 0);
+}
+
+std::int32_t CCommunication::CheckLink()
+{
+    if (!IsConnected()) {
+        m_nLinkBroken = 1;
+        return 0;
+    }
+    if (m_nEchoMode == 0) {
+        std::string reply;
+        SendCommand(kEchoProbe, reply, kLinkCheckTimeoutMs, 1);
+        if (UpToCarriageReturn(kEchoProbe) != UpToCarriageReturn(reply)) {
+            m_nLinkBroken = 1;
+            return 0;
+        }
+    }
+    std::string reply;
+    SendCommand("SR", reply, kLinkCheckTimeoutMs, 0);
+    bool hasError = reply.find('?') != std::string::npos;
+    bool hasTerminator = reply.find(';') != std::string::npos;
+    if (m_nEchoMode == 1 && !hasError && !hasTerminator) {
+        m_nLinkBroken = 1;
+        return 0;
+    }
+    m_nLinkBroken = 0;
+    return (!hasError && hasTerminator) ? 1 : -2;
+}
+
+void CCommunication::Identify()
+{
+    std::string reply;
+    try {
+        SendCommandGetReply("VR", reply, kIdentifyTimeoutMs);
+        std::string message;
+        m_sVersion = CheckDriveError("VR", reply, message) ? "Unknown version" : ExtractValue("VR", reply);
+    } catch (const CExceptionComm&) {
+        m_sVersion = "Unknown version";
+    }
+    char product[65] = {};
+    if (std::sscanf(m_sVersion.c_str(), "%64s", product) != 1)
+        product[0] = '\0';
+    m_sProcessorType = CProductTable::Default()->ProcessorType(product);
+
+    if (m_sProcessorType == "BreNol"
+        && Settings::User().GetInt("Settings", "Don't show not support NOL/BRE message", 0) == 0) {
+        Ui::Current().MessageBox(nullptr,
+                                 "Some of the Tessitor's features might not be supported by this product.\n\n"
+                                 "For this product it is recommended to use "
+                                 "Tessitor VERSION 2_12_0_2_October2004 or earlier",
+                                 "Tessitor", MB_OK | MB_ICONWARNING);
+    }
+}
+
+} // namespace tessitor

@@ -1,0 +1,341 @@
+#include "communication/socketcom.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+
+#include "communication/communication.h"
+#include "core/trace.h"
+
+namespace tessitor {
+namespace {
+
+// The texts users of the system know; the leading blanks are theirs.
+constexpr char kTextSendDropped[] =
+    " The TCP/IP connection has been dropped, because of a network failure or because the system on the other "
+    "end went down without notice.";
+constexpr char kTextTimeout[] = "TCP/IP Timeout.The network system has failed. Please check wiring";
+constexpr char kTextHeaderDropped[] =
+    " The TCP/IP connection has been dropped because of a network failure or because the peer system failed to "
+    "respond.";
+constexpr char kTextPayloadDropped[] =
+    "The TCP/IP connection has been dropped because of a network failure or because the peer system failed to "
+    "respond.";
+constexpr char kTextFault[] = "TCP/IP Fault.";
+constexpr char kTextNotSameFunction[] = "TCP/IP Communication broken. Not same function ID.";
+
+// The first reply byte may take this many times the command's time-out:
+// the device itself waits the time-out for its drive before it answers.
+constexpr std::int64_t kFirstByteFactor = 5;
+
+std::int64_t NowMs()
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+std::string TooLongText(std::uint32_t length)
+{
+    char text[160];
+    std::snprintf(text, sizeof text,
+                  "TCP/IP Fault. The network device announced a reply of %u bytes, more than the %u bytes allowed.",
+                  length, kNetMaxPayloadBytes);
+    return text;
+}
+
+const std::uint8_t kEmptyPayload[1] = {0};
+
+} // namespace
+
+const CSocketCom::Syscalls CSocketCom::kSystem = {::send, ::recv, ::poll};
+
+CSocketCom::CSocketCom() = default;
+
+CSocketCom::~CSocketCom()
+{
+    Close();
+}
+
+int CSocketCom::Open(const std::string& address, std::uint16_t port, std::uint32_t timeoutMs)
+{
+    sockaddr_in peer{};
+    peer.sin_family = AF_INET;
+    peer.sin_port = htons(port);
+    if (::inet_pton(AF_INET, address.c_str(), &peer.sin_addr) != 1)
+        return EINVAL;
+
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0)
+        return errno;
+    int error = 0;
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) != 0) {
+        error = errno;
+        if (error == EINPROGRESS) {
+            std::int64_t deadline = NowMs() + timeoutMs;
+            error = ETIMEDOUT;
+            for (;;) {
+                pollfd p{fd, POLLOUT, 0};
+                int left = static_cast<int>(std::max<std::int64_t>(0, deadline - NowMs()));
+                int ready = ::poll(&p, 1, left);
+                if (ready < 0 && errno == EINTR)
+                    continue;
+                if (ready > 0) {
+                    socklen_t size = sizeof error;
+                    if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) != 0)
+                        error = errno;
+                }
+                break;
+            }
+        }
+    }
+    if (error != 0) {
+        Trace::Printf("CSocketCom::Open %s:%u: %s\n", address.c_str(), port, std::strerror(error));
+        ::close(fd);
+        return error;
+    }
+    // Commands are small and wait for their reply: do not let Nagle hold them.
+    int on = 1;
+    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    ::setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    Attach(fd);
+    return 0;
+}
+
+void CSocketCom::Attach(int fd)
+{
+    std::lock_guard lock(m_csSocket);
+    CloseLocked();
+    m_hSocket = fd;
+}
+
+void CSocketCom::Close()
+{
+    std::lock_guard lock(m_csSocket);
+    CloseLocked();
+}
+
+void CSocketCom::CloseLocked()
+{
+    if (m_hSocket >= 0) {
+        ::shutdown(m_hSocket, SHUT_RDWR);
+        ::close(m_hSocket);
+        m_hSocket = -1;
+    }
+}
+
+bool CSocketCom::IsOpen() const
+{
+    std::lock_guard lock(m_csSocket);
+    return m_hSocket >= 0;
+}
+
+NetFrameHeader CSocketCom::LastReplyHeader() const
+{
+    std::lock_guard lock(m_csSocket);
+    return m_LastReply;
+}
+
+std::uint16_t CSocketCom::Capacity() const
+{
+    std::lock_guard lock(m_csSocket);
+    return m_wCapacity;
+}
+
+void CSocketCom::SetBufferExchangeTimeout(std::uint32_t timeoutMs)
+{
+    std::lock_guard lock(m_csSocket);
+    m_nBufferTimeoutMs = timeoutMs;
+}
+
+void CSocketCom::SetSyscalls(const Syscalls& calls)
+{
+    std::lock_guard lock(m_csSocket);
+    m_Calls = calls;
+}
+
+void CSocketCom::Fail(const std::string& text)
+{
+    Trace::Printf("CSocketCom: %s\n", text.c_str());
+    CloseLocked();
+    throw CCommunication::CExceptionComm(-1, nullptr, kErrSrcTcp, text);
+}
+
+CSocketCom::Wait CSocketCom::WaitFor(short events, std::int64_t deadlineMs)
+{
+    for (;;) {
+        pollfd p{m_hSocket, events, 0};
+        std::int64_t left = std::max<std::int64_t>(0, deadlineMs - NowMs());
+        int ready = m_Calls.pPoll(&p, 1, static_cast<int>(std::min<std::int64_t>(left, 1 << 30)));
+        if (ready > 0)
+            return Wait::kReady; // errors and hang-ups show up in the next send or recv
+        if (ready == 0) {
+            if (NowMs() >= deadlineMs)
+                return Wait::kExpired;
+            continue;
+        }
+        if (errno != EINTR) {
+            Trace::Printf("CSocketCom: poll: %s\n", std::strerror(errno));
+            return Wait::kFailed;
+        }
+    }
+}
+
+bool CSocketCom::SendAll(const void* data, std::size_t length, std::int64_t deadlineMs)
+{
+    const auto* p = static_cast<const char*>(data);
+    std::size_t sent = 0;
+    while (sent < length) {
+        ssize_t n = m_Calls.pSend(m_hSocket, p + sent, length - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n > 0) {
+            sent += static_cast<std::size_t>(n);
+        } else if (n < 0 && errno == EINTR) {
+            continue;
+        } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            if (WaitFor(POLLOUT, deadlineMs) != Wait::kReady)
+                return false;
+        } else {
+            Trace::Printf("CSocketCom: send: %s\n", n < 0 ? std::strerror(errno) : "nothing sent");
+            return false;
+        }
+    }
+    return true;
+}
+
+std::size_t CSocketCom::RecvFull(void* data, std::size_t length, std::int64_t deadlineMs)
+{
+    auto* p = static_cast<char*>(data);
+    std::size_t got = 0;
+    while (got < length) {
+        if (WaitFor(POLLIN, deadlineMs) != Wait::kReady)
+            return got;
+        ssize_t n = m_Calls.pRecv(m_hSocket, p + got, length - got, MSG_DONTWAIT);
+        if (n > 0) {
+            got += static_cast<std::size_t>(n);
+        } else if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK)) {
+            continue;
+        } else {
+            Trace::Printf("CSocketCom: recv: %s\n", n < 0 ? std::strerror(errno) : "closed by the peer");
+            return got;
+        }
+    }
+    return got;
+}
+
+bool CSocketCom::Exchange(std::uint32_t functionId, const void* request, std::size_t requestLength,
+                          const std::uint8_t** reply, std::uint32_t* replyLength, std::uint32_t timeoutMs)
+{
+    std::lock_guard lock(m_csSocket);
+    *reply = nullptr;
+    *replyLength = 0;
+    if (m_hSocket < 0)
+        return false;
+
+    const std::int64_t wait = kFirstByteFactor * static_cast<std::int64_t>(timeoutMs);
+    if (!SendAll(request, requestLength, NowMs() + wait))
+        Fail(kTextSendDropped);
+    if (WaitFor(POLLIN, NowMs() + wait) != Wait::kReady)
+        Fail(kTextTimeout);
+
+    // Once the reply has begun, the rest of it gets the same allowance again.
+    std::uint8_t header[kNetHeaderBytes];
+    if (RecvFull(header, sizeof header, NowMs() + wait) != sizeof header)
+        Fail(kTextHeaderDropped);
+    m_LastReply = NetDecodeHeader(header);
+    const std::uint32_t n = m_LastReply.nLength;
+    if (n > kNetMaxPayloadBytes)
+        Fail(TooLongText(n));
+
+    if (n != 0) {
+        // The capacity is a 16-bit count, as the system has always kept it; a
+        // reply above 65535 bytes wraps it. The buffer itself always gets n.
+        if (n > m_wCapacity)
+            m_wCapacity = static_cast<std::uint16_t>(n);
+        m_arReply.assign(n, 0);
+        if (RecvFull(m_arReply.data(), n, NowMs() + wait) != n)
+            Fail(kTextPayloadDropped);
+    }
+
+    if (m_LastReply.nFunctionId != functionId) {
+        Trace::Printf("CSocketCom: reply to function %u while waiting for %u\n", m_LastReply.nFunctionId,
+                      functionId);
+        return false;
+    }
+    *reply = n != 0 ? m_arReply.data() : kEmptyPayload;
+    *replyLength = n;
+    return true;
+}
+
+std::int32_t CSocketCom::Exchange(const void* request, std::size_t requestLength, void* buffer,
+                                  std::size_t bufferSize)
+{
+    std::lock_guard lock(m_csSocket);
+    if (m_hSocket < 0 || requestLength < kNetHeaderBytes)
+        Fail(kTextFault);
+    const std::uint32_t functionId = NetGetU32(static_cast<const std::uint8_t*>(request) + 4);
+    const std::int64_t wait = m_nBufferTimeoutMs;
+
+    if (!SendAll(request, requestLength, NowMs() + wait))
+        Fail(kTextFault);
+    std::uint8_t header[kNetHeaderBytes];
+    if (RecvFull(header, sizeof header, NowMs() + wait) != sizeof header)
+        Fail(kTextFault);
+    m_LastReply = NetDecodeHeader(header);
+    const std::uint32_t n = m_LastReply.nLength;
+    if (n > kNetMaxPayloadBytes)
+        Fail(TooLongText(n));
+
+    if (n > bufferSize) {
+        // Read the reply away so that the next exchange starts on a frame.
+        char piece[kDrainPieceBytes];
+        std::uint32_t left = n;
+        while (left > 0) {
+            std::size_t size = std::min<std::size_t>(left, sizeof piece);
+            if (WaitFor(POLLIN, NowMs() + wait) != Wait::kReady)
+                Fail(kTextFault);
+            ssize_t got = m_Calls.pRecv(m_hSocket, piece, size, MSG_DONTWAIT);
+            if (got < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK))
+                continue;
+            if (got <= 0)
+                Fail(kTextFault);
+            left -= static_cast<std::uint32_t>(got);
+        }
+        return E_OUTOFMEMORY;
+    }
+
+    // Each receive asks for the whole payload length again, as the system
+    // always did; it lands in a scratch area of that size so that a peer
+    // sending more than one frame at once cannot write past the caller's
+    // buffer (what went beyond this frame is lost, as it always was).
+    std::vector<char> scratch(n);
+    std::uint32_t got = 0;
+    while (got < n) {
+        if (WaitFor(POLLIN, NowMs() + wait) != Wait::kReady)
+            Fail(kTextFault);
+        ssize_t part = m_Calls.pRecv(m_hSocket, scratch.data(), n, MSG_DONTWAIT);
+        if (part < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK))
+            continue;
+        if (part <= 0)
+            Fail(kTextFault);
+        std::uint32_t take = std::min<std::uint32_t>(static_cast<std::uint32_t>(part), n - got);
+        std::memcpy(static_cast<char*>(buffer) + got, scratch.data(), take);
+        got += take;
+    }
+    if (m_LastReply.nFunctionId != functionId) {
+        Trace::Printf("CSocketCom: reply to function %u while waiting for %u\n", m_LastReply.nFunctionId,
+                      functionId);
+        throw CCommunication::CExceptionComm(-1, nullptr, kErrSrcTcp, kTextNotSameFunction);
+    }
+    return static_cast<std::int32_t>(n);
+}
+
+} // namespace tessitor

@@ -1,0 +1,103 @@
+// One TCP socket to a network device, carrying request and reply frames
+// (netprotocol.h) one pair at a time under a lock. Every socket failure is
+// thrown as CCommunication::CExceptionComm with error source 10 and the
+// system's own text. A failure that leaves the stream between two frame
+// boundaries closes the socket, so a late or half reply can never be read
+// as the answer to a later request.
+//
+//   CSocketCom socket;
+//   if (int err = socket.Open("192.168.0.20", kDefaultTcpPort, 5000)) ... errno
+//   std::string frame = NetBuildFrame(kNetFnCommand, handle, NetCommandPayload(1000, "PX"));
+//   const std::uint8_t* reply = nullptr; std::uint32_t length = 0;
+//   socket.Exchange(kNetFnCommand, frame.data(), frame.size(), &reply, &length, 1000);
+#pragma once
+
+#include <poll.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "communication/netprotocol.h"
+
+namespace tessitor {
+
+/// Result of the buffer exchange when the reply did not fit and was drained.
+constexpr std::int32_t E_OUTOFMEMORY = static_cast<std::int32_t>(0x8007000EU);
+
+class CSocketCom {
+public:
+    /// The system calls the object makes; tests replace them to inject
+    /// EINTR, short writes and errors no real peer can provoke.
+    struct Syscalls {
+        ssize_t (*pSend)(int fd, const void* buffer, size_t length, int flags);
+        ssize_t (*pRecv)(int fd, void* buffer, size_t length, int flags);
+        int (*pPoll)(pollfd* fds, nfds_t count, int timeoutMs);
+    };
+    /// The real ones.
+    static const Syscalls kSystem;
+
+    /// Pieces in which an oversized reply is read away, in bytes.
+    static constexpr std::size_t kDrainPieceBytes = 128;
+
+    CSocketCom();
+    /// Closes the socket.
+    ~CSocketCom();
+    CSocketCom(const CSocketCom&) = delete;
+    CSocketCom& operator=(const CSocketCom&) = delete;
+
+    /// Connects to a dotted IPv4 address within timeoutMs; 0 or an errno
+    /// value (EINVAL for a malformed address, ETIMEDOUT on expiry).
+    int Open(const std::string& address, std::uint16_t port, std::uint32_t timeoutMs);
+    /// Takes over a connected socket (owned from now on).
+    void Attach(int fd);
+    /// Closes the socket; exchanges then do nothing.
+    void Close();
+    bool IsOpen() const;
+
+    /// Sends a whole request frame and waits up to 5 x timeoutMs for the
+    /// first reply byte. When the reply's function ID equals functionId,
+    /// *reply points to its payload in this object's buffer (valid until
+    /// the next exchange; callers sharing the object hold their own lock
+    /// across exchange and copy) and *replyLength is its length; otherwise
+    /// both are null/0. Returns true when the reply was handed out. Does
+    /// nothing (and returns false) while the socket is closed.
+    bool Exchange(std::uint32_t functionId, const void* request, std::size_t requestLength,
+                  const std::uint8_t** reply, std::uint32_t* replyLength, std::uint32_t timeoutMs);
+    /// Sends a whole request frame (its function ID read from its header)
+    /// and receives the payload into buffer. Returns the payload length, or
+    /// E_OUTOFMEMORY when it was larger than bufferSize and was drained.
+    /// Throws "TCP/IP Fault." on socket failures and "TCP/IP Communication
+    /// broken. Not same function ID." on a reply to another request.
+    std::int32_t Exchange(const void* request, std::size_t requestLength, void* buffer, std::size_t bufferSize);
+
+    /// Header of the last reply received (its third word is the status).
+    NetFrameHeader LastReplyHeader() const;
+    /// The reply buffer's capacity: the largest reply seen, kept in 16 bits.
+    std::uint16_t Capacity() const;
+    /// How long the buffer exchange waits for each part of a reply, in ms.
+    void SetBufferExchangeTimeout(std::uint32_t timeoutMs);
+    /// Replaces the system calls (tests); kSystem restores them.
+    void SetSyscalls(const Syscalls& calls);
+
+private:
+    enum class Wait { kReady, kExpired, kFailed };
+
+    Wait WaitFor(short events, std::int64_t deadlineMs);
+    bool SendAll(const void* data, std::size_t length, std::int64_t deadlineMs);
+    std::size_t RecvFull(void* data, std::size_t length, std::int64_t deadlineMs);
+    [[noreturn]] void Fail(const std::string& text);
+    void CloseLocked();
+
+    mutable std::recursive_mutex m_csSocket;
+    int m_hSocket = -1;
+    Syscalls m_Calls = kSystem;
+    std::vector<std::uint8_t> m_arReply;
+    std::uint16_t m_wCapacity = 0;
+    NetFrameHeader m_LastReply;
+    std::uint32_t m_nBufferTimeoutMs = 10000;
+};
+
+} // namespace tessitor

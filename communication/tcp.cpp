@@ -1,0 +1,218 @@
+#include "communication/tcp.h"
+
+#include <cstdio>
+
+#include "core/settings.h"
+#include "core/trace.h"
+
+namespace tessitor {
+namespace {
+
+constexpr char kSettingsSection[] = "TCP";
+constexpr char kSettingsPortKey[] = "Port";
+constexpr std::uint32_t kLongCommandTimeoutMs = 50000; // "SG", "SV": the drive writes its flash
+constexpr std::uint32_t kUploadTimeoutMs = 5000;       // "BH" uploads
+constexpr char kListingTerminator = 0x08;
+
+bool StartsWith(const std::string& text, const char* prefix)
+{
+    return text.rfind(prefix, 0) == 0;
+}
+
+} // namespace
+
+std::uint16_t ResolveTcpPort(std::uint16_t port)
+{
+    if (port != 0)
+        return port;
+    int configured = Settings::User().GetInt(kSettingsSection, kSettingsPortKey, kDefaultTcpPort);
+    if (configured < 1 || configured > 65535) {
+        Trace::Printf("CTCP: settings port %d is out of range, using %u\n", configured, kDefaultTcpPort);
+        return kDefaultTcpPort;
+    }
+    return static_cast<std::uint16_t>(configured);
+}
+
+CTCP::CTCP(const CCommunicationInfo& info, std::uint16_t port) : CCommunication(info), m_wPort(ResolveTcpPort(port))
+{
+}
+
+CTCP::~CTCP()
+{
+    std::lock_guard lock(m_csLink);
+    Release();
+    SetConnected(false);
+}
+
+void CTCP::SetOption(std::int32_t /*option*/)
+{
+}
+
+std::string CTCP::Address() const
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%d.%d.%d.%d", m_Info.abIP[0], m_Info.abIP[1], m_Info.abIP[2], m_Info.abIP[3]);
+    return text;
+}
+
+std::string CTCP::TargetName() const
+{
+    if (m_Info.GetKind() == kKindTcpKmas && m_Info.sDesc.empty()) {
+        char text[64];
+        std::snprintf(text, sizeof text, "CANopen Bus 1 NodeID %d", m_Info.mNodeID);
+        return text;
+    }
+    return m_Info.sDesc;
+}
+
+std::shared_ptr<CNetDevice> CTCP::Device() const
+{
+    std::lock_guard lock(m_csLink);
+    return m_pDevice;
+}
+
+void CTCP::Release()
+{
+    if (m_pDevice) {
+        m_pDevice->CloseDrive(m_Drive);
+        m_pDevice.reset();
+    }
+    m_Drive = {};
+}
+
+void CTCP::Rethrow(CExceptionComm& e)
+{
+    if (!e.m_pCom)
+        e.m_pCom = this;
+    throw e;
+}
+
+int CTCP::Connect()
+{
+    std::lock_guard lock(m_csLink);
+    if (IsConnected() && m_pDevice && m_pDevice->IsUp())
+        return 0;
+    Release();
+    const std::string target = TargetName();
+    m_pDevice = CNetDevice::Get(Address(), m_wPort);
+    try {
+        if (!m_pDevice->IsUp() && !m_pDevice->Connect()) {
+            Release();
+            return kConnectNoDevice;
+        }
+        std::vector<NetDriveEntry> drives;
+        if (!m_pDevice->ListDrives(drives)) {
+            Release();
+            return kConnectNoDrive;
+        }
+        for (const NetDriveEntry& drive : drives) {
+            if (drive.sName != target)
+                continue;
+            m_Drive = m_pDevice->OpenDrive(drive.sName);
+            if (!m_Drive.IsOpen()) {
+                Release();
+                return kConnectNoDrive;
+            }
+            m_cTerminator = ';';
+            SetLinkBroken(false);
+            SetConnected(true);
+            return 0;
+        }
+        Trace::Printf("CTCP::Connect: %s:%u has no drive \"%s\"\n", Address().c_str(), m_wPort, target.c_str());
+        Release();
+        return kConnectNoDrive;
+    } catch (const CExceptionComm& e) {
+        Trace::Printf("CTCP::Connect: %s\n", e.what());
+        Release();
+        return kConnectNoDevice;
+    }
+}
+
+void CTCP::Disconnect()
+{
+    CCommunication::Disconnect();
+    SetLinkBroken(true);
+    std::lock_guard lock(m_csLink);
+    Release();
+    SetConnected(false);
+}
+
+int CTCP::SendCommandGetValue(const std::string& command, std::string& value, std::uint32_t timeoutMs)
+{
+    if (IsLinkBroken())
+        return -1;
+    std::lock_guard lock(m_csLink);
+    if (!IsConnected() || !m_pDevice)
+        throw CExceptionComm(3, this, kErrSrcSetup);
+    if (command.size() + 2 > kMaxCommandBytes)
+        throw CExceptionComm(-1, this, kErrSrcLink, "Output buffer is too long!");
+    if (command == "SG" || command == "SV")
+        timeoutMs = kLongCommandTimeoutMs;
+    else if (StartsWith(command, "BH") || StartsWith(command, "bh"))
+        timeoutMs = kUploadTimeoutMs;
+
+    std::string result;
+    try {
+        if (m_pDevice->SendCommand(m_Drive, command, result, timeoutMs) == 1)
+            throw CExceptionComm(-1, this, kErrSrcTcpLink, CNetDevice::LastError());
+    } catch (CExceptionComm& e) {
+        Rethrow(e);
+    }
+    value = std::move(result);
+    return 0;
+}
+
+int CTCP::SendCommandGetReply(const std::string& command, std::string& reply, std::uint32_t timeoutMs)
+{
+    int result = SendCommand(command, reply, timeoutMs, 0);
+    return reply.empty() ? -2 : result;
+}
+
+int CTCP::UploadRecordedData(std::uint32_t mask, std::uint32_t first, std::uint32_t last, std::string& data,
+                             std::uint32_t timeoutMs)
+{
+    std::lock_guard lock(m_csLink);
+    if (!IsConnected() || !m_pDevice)
+        throw CExceptionComm(3, this, kErrSrcSetup);
+    try {
+        if (m_pDevice->Upload(m_Drive, mask, first, last, timeoutMs, data) == 1)
+            throw CExceptionComm(-1, this, kErrSrcTcpLink, CNetDevice::LastError());
+    } catch (CExceptionComm& e) {
+        Rethrow(e);
+    }
+    return 0;
+}
+
+int CTCP::Exchange(const std::string& command, std::string& reply, std::uint32_t timeoutMs, std::int32_t checkEcho)
+{
+    std::lock_guard lock(m_csLink);
+    if (!m_pDevice)
+        return COM_DEVICE_NULL;
+    int result = COM_OK;
+    try {
+        result = m_pDevice->SendRaw(m_Drive, command, m_cTerminator, timeoutMs, reply);
+    } catch (CExceptionComm& e) {
+        Rethrow(e);
+    }
+    if (result != COM_OK || reply.empty())
+        return result;
+    // The same checks the serial line makes, so the transaction above
+    // behaves alike on both.
+    if (reply.size() >= kMaxCommandBytes) {
+        reply.clear();
+        return COM_BUFFER_TOO_BIG;
+    }
+    if (checkEcho != 0 && reply.compare(0, command.size(), command) != 0)
+        return COM_BAD_ECHO;
+    if (reply.back() != m_cTerminator)
+        return COM_BAD_DATA;
+    return COM_OK;
+}
+
+void CTCP::ToggleTerminator()
+{
+    std::lock_guard lock(m_csLink);
+    m_cTerminator = m_cTerminator == ';' ? kListingTerminator : ';';
+}
+
+} // namespace tessitor

@@ -1,0 +1,55 @@
+// Faults the virtual drive injects into its replies, so that every failure
+// path of a client can be tested. Rules are checked in the order added; the
+// first that matches a command decides. Thread-safe.
+#pragma once
+
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace tessitor::sim {
+
+enum class FaultKind {
+    kNone,
+    kDrop,        ///< send nothing back (no echo, no reply)
+    kDelay,       ///< answer after nDelayMs
+    kWrongEcho,   ///< echo a changed command
+    kCut,         ///< send only the first nCutBytes of the reply
+    kGarbage,     ///< send sGarbage before the reply
+    kDriveError,  ///< refuse with drive error nErrorNumber
+    // Faults of the network device face.
+    kWrongFunctionId, ///< answer with another function ID
+    kHalfHeader,      ///< send half a header and stop
+    kDropConnection,  ///< close the connection in the middle of the reply
+};
+
+struct FaultRule {
+    FaultKind eKind = FaultKind::kNone;
+    int nNth = 0;            ///< match the Nth command (1-based) only; 0 = by pattern
+    std::string sPattern;    ///< match commands starting with this text; "" = every command
+    int nDelayMs = 0;
+    int nCutBytes = 0;
+    std::string sGarbage = "#garbage#";
+    int nErrorNumber = 2;
+    bool bOnce = false;      ///< remove the rule after it fired once
+};
+
+class CSimFaults {
+public:
+    void Add(const FaultRule& rule);
+    void Clear();
+    /// Counts the command and returns the rule that applies (kind kNone if none).
+    FaultRule Next(const std::string& command);
+    /// Parses the command-line form, e.g. "drop:3", "drop:/SR", "delay:/PX:1500",
+    /// "wrong-echo:/VR", "cut:/BH:10", "garbage:5", "error:/MO:1";
+    /// throws std::invalid_argument with a message on a bad form.
+    static FaultRule Parse(const std::string& text);
+
+private:
+    std::mutex m_csRules;
+    std::vector<FaultRule> m_arRules;
+    int m_nCommands = 0;
+};
+
+} // namespace tessitor::sim

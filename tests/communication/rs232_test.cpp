@@ -1,0 +1,352 @@
+// The serial link end to end: CRs232 over a real pseudo-terminal against a
+// scripted drive.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "communication/rs232.h"
+#include "core/ui.h"
+#include "tests/support/scriptedpeer.h"
+
+using namespace tessitor;
+using tessitor::test::CScriptedPeer;
+using Exc = CCommunication::CExceptionComm;
+
+namespace {
+
+constexpr std::uint32_t kShortTimeoutMs = 150;
+
+class Rs232Test : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        CCommunicationInfo info;
+        m_pLink = std::make_unique<CRs232>(info);
+        m_pLink->SetDevicePath(m_Peer.Path());
+        ASSERT_EQ(m_pLink->Connect(), 0);
+    }
+
+    // Runs fn, which must throw; returns the exception with its message filled.
+    template <class Fn>
+    Exc Thrown(Fn fn)
+    {
+        try {
+            fn();
+        } catch (Exc& e) {
+            e.FillMessage();
+            return e;
+        }
+        ADD_FAILURE() << "nothing was thrown";
+        return Exc(0, nullptr, -100);
+    }
+
+    std::string Value(const std::string& command, std::uint32_t timeoutMs = 2000)
+    {
+        std::string value;
+        EXPECT_EQ(m_pLink->SendCommandGetValue(command, value, timeoutMs), 0);
+        return value;
+    }
+
+    CScriptedPeer m_Peer;
+    std::unique_ptr<CRs232> m_pLink;
+};
+
+class CRecordingListener : public CCommunication::CListenerComm {
+public:
+    CRecordingListener(std::vector<std::string>& log, std::string name) : m_Log(log), m_sName(std::move(name)) {}
+    void OnCommunicationDestroy(CCommunication*) override { m_Log.push_back("destroy " + m_sName); }
+    void OnCommunicationDisconnect(CCommunication*) override { m_Log.push_back("disconnect " + m_sName); }
+
+private:
+    std::vector<std::string>& m_Log;
+    std::string m_sName;
+};
+
+class CCountingUi : public Ui {
+public:
+    int MessageBox(Window*, const std::string& text, const std::string& caption, unsigned) override
+    {
+        m_arShown.push_back(caption + ": " + text);
+        return IDOK;
+    }
+    std::vector<std::string> m_arShown;
+};
+
+} // namespace
+
+TEST_F(Rs232Test, ValuesAndAssignmentsCrossTheWire)
+{
+    m_Peer.SetHandler([](const std::string& line) {
+        if (line == "PX\r")
+            return CScriptedPeer::Answer(line, "1234");
+        if (line == "KP[2]\r")
+            return CScriptedPeer::Answer(line, "5.500");
+        return CScriptedPeer::Answer(line, "");
+    });
+
+    EXPECT_EQ(Value("PX"), "1234");
+    EXPECT_EQ(Value("KP[2]"), "5.500");
+    EXPECT_EQ(Value("MO=1"), ";") << "no value: one character is taken";
+    std::string reply;
+    EXPECT_EQ(m_pLink->SendCommand("PX", reply, 1000, 0), 0);
+    EXPECT_EQ(reply, "PX\r1234;");
+
+    EXPECT_EQ(m_Peer.Count("MO=1\r"), 1);
+    EXPECT_TRUE(m_pLink->IsStateChanged()) << "MO=1 changes the drive's state";
+}
+
+TEST_F(Rs232Test, DriveErrorsCarryTheirNumberAndText)
+{
+    m_Peer.SetHandler([](const std::string& line) {
+        if (line == "XX\r")
+            return CScriptedPeer::Refusal(line, 5);
+        return CScriptedPeer::Refusal(line, 0);
+    });
+
+    Exc e = Thrown([&] { Value("XX"); });
+    EXPECT_EQ(e.m_nErrorSource, kErrSrcDrive);
+    EXPECT_EQ(e.m_nErrorCode, -1);
+    EXPECT_EQ(e.m_pCom, m_pLink.get());
+    EXPECT_EQ(e.m_sMessage, "Error (5) :  'XX' : " + m_pLink->GetDriveErrorText(5) + " !");
+    EXPECT_NE(m_pLink->GetDriveErrorText(5), "Unknown Error");
+
+    EXPECT_EQ(Value("YY"), std::string("\0?", 2)) << "a byte 0 before '?' is no error";
+}
+
+TEST_F(Rs232Test, SilentDriveTimesOutAfterThreeAttemptsAndLatches)
+{
+    m_Peer.SetHandler([](const std::string&) { return std::string(); });
+
+    Exc e = Thrown([&] { Value("PX", kShortTimeoutMs); });
+    EXPECT_EQ(e.m_nErrorCode, COM_TIMEOUT);
+    EXPECT_EQ(e.m_nErrorSource, kErrSrcTransport);
+    EXPECT_EQ(e.m_sMessage, "Time Out Waiting for Response from Controller");
+    EXPECT_EQ(m_Peer.Count("PX\r"), 3);
+    EXPECT_TRUE(m_pLink->IsTimeoutLatched());
+
+    Exc refused = Thrown([&] { Value("SR", 5000); });
+    EXPECT_EQ(refused.m_nErrorCode, COM_TIMEOUT);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(m_Peer.Count("SR\r"), 0) << "a latched link does not touch the wire";
+
+    m_Peer.SetHandler([](const std::string& line) { return CScriptedPeer::Answer(line, line == "SR\r" ? "16" : ""); });
+    EXPECT_EQ(m_pLink->CheckLink(), 1) << "the forced echo probe clears the latch, then SR goes out";
+    EXPECT_FALSE(m_pLink->IsTimeoutLatched());
+    EXPECT_EQ(m_Peer.Count("\\COMMUNICATION\r"), 1);
+    EXPECT_EQ(m_Peer.Count("SR\r"), 1);
+    EXPECT_EQ(Value("PX"), ";");
+}
+
+TEST_F(Rs232Test, WrongEchoIsBadOnlyWhenEchoesAreChecked)
+{
+    m_Peer.SetHandler([](const std::string&) { return std::string("QX\r77;"); });
+
+    Exc e = Thrown([&] { Value("PX", kShortTimeoutMs); });
+    EXPECT_EQ(e.m_nErrorCode, COM_BAD_ECHO);
+    EXPECT_EQ(e.m_sMessage, "Bad Echo from Controller");
+    EXPECT_EQ(m_Peer.Count("PX\r"), 3);
+    EXPECT_FALSE(m_pLink->IsTimeoutLatched());
+
+    m_pLink->SetCheckEcho(0);
+    EXPECT_EQ(Value("PX"), "77");
+}
+
+TEST_F(Rs232Test, RepliesOf8192BytesOrMoreAreRefusedWhole)
+{
+    auto replyOfSize = [](const std::string& line, size_t total) {
+        return line + std::string(total - line.size() - 1, '7') + ";";
+    };
+    m_Peer.SetHandler([&](const std::string& line) { return replyOfSize(line, 8191); });
+    EXPECT_EQ(Value("BH=1").size(), 8191u - 6u);
+
+    for (size_t size : {8192u, 9000u, 20000u}) {
+        m_Peer.SetHandler([&, size](const std::string& line) { return replyOfSize(line, size); });
+        Exc e = Thrown([&] { Value("BH=1"); });
+        EXPECT_EQ(e.m_nErrorCode, COM_BUFFER_TOO_BIG) << size;
+        EXPECT_EQ(e.m_sMessage, "Input or Output Buffers larger then 8196 bytes");
+    }
+    m_Peer.SetHandler([](const std::string& line) { return CScriptedPeer::Answer(line, "1"); });
+    EXPECT_EQ(Value("SR"), "1") << "the link recovers after an oversized reply";
+}
+
+TEST_F(Rs232Test, StaleBytesBeforeACommandAreNotItsReply)
+{
+    m_Peer.SetHandler([](const std::string& line) { return CScriptedPeer::Answer(line, "42"); });
+    m_Peer.SendRaw("VX\r999;");
+    m_Peer.SendRaw("noise without terminator");
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+
+    EXPECT_EQ(Value("VX"), "42");
+    EXPECT_EQ(m_Peer.Count("VX\r"), 1);
+}
+
+TEST_F(Rs232Test, ReplyThatDoesNotEndWithTheTerminator)
+{
+    m_Peer.SetHandler([](const std::string& line) { return line + "12;34"; });
+    Exc bad = Thrown([&] { Value("PX", kShortTimeoutMs); });
+    EXPECT_EQ(bad.m_nErrorCode, COM_BAD_DATA);
+    EXPECT_EQ(bad.m_sMessage, "Bad Data received from Controller");
+
+    m_Peer.SetHandler([](const std::string& line) { return line + "1234"; });
+    Exc silent = Thrown([&] { Value("PY", kShortTimeoutMs); });
+    EXPECT_EQ(silent.m_nErrorCode, COM_TIMEOUT) << "without any terminator the reply never completes";
+}
+
+TEST_F(Rs232Test, CommandLengthLimit)
+{
+    Exc e = Thrown([&] { Value(std::string(8191, 'A')); });
+    EXPECT_EQ(e.m_nErrorCode, -1);
+    EXPECT_EQ(e.m_nErrorSource, kErrSrcLink);
+    EXPECT_EQ(e.m_sMessage, "Output buffer is too long!");
+    EXPECT_TRUE(m_Peer.Lines().empty()) << "a refused command is not sent";
+
+    // Its echo alone would overflow the reply buffer: answer without one.
+    m_Peer.SetHandler([](const std::string&) { return std::string(";"); });
+    m_pLink->SetCheckEcho(0);
+    std::string longest(8190, 'A');
+    Value(longest);
+    EXPECT_EQ(m_Peer.Count(longest + "\r"), 1);
+}
+
+TEST_F(Rs232Test, LongCommandsGetLongerTimeOuts)
+{
+    m_Peer.SetHandler([](const std::string& line) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(600));
+        return CScriptedPeer::Answer(line, "");
+    });
+    for (const char* command : {"SV", "SG", "BH=3", "bh=1"}) {
+        std::string reply;
+        EXPECT_NO_THROW(m_pLink->SendCommand(command, reply, 50, 0)) << command;
+        EXPECT_EQ(m_Peer.Count(std::string(command) + "\r"), 1) << command << " waited for its one reply";
+    }
+}
+
+TEST_F(Rs232Test, ListingsAndDownloadLinesSwitchTheTerminatorOnListingFamilies)
+{
+    m_Peer.SetHandler([](const std::string& line) {
+        std::string end = line.rfind("DL", 0) == 0 || line == "LS\r" || line == "CC\r" ? "\x08" : ";";
+        return line + (line == "LS\r" ? "MO=1\r\nXQ;comment\r\n" : "") + end;
+    });
+    m_pLink->SetProcessorType("BreNol");
+
+    std::string reply;
+    m_pLink->SendCommand("LS", reply, 1000, 0);
+    EXPECT_EQ(reply, "LS\rMO=1\r\nXQ;comment\r\n\x08") << "a ';' inside a listing does not end it";
+    m_pLink->SendCommand("DL##MAIN\\", reply, 1000, 0);
+    EXPECT_EQ(m_Peer.Count("DL##MAIN\\"), 1) << "a download line goes out without CR";
+    EXPECT_TRUE(m_pLink->IsStateChanged());
+    m_pLink->SendCommand("CC", reply, 1000, 0);
+    m_pLink->SendCommand("SR", reply, 1000, 0);
+    EXPECT_EQ(reply, "SR\r;") << "the terminator is switched back after each listing";
+
+    m_pLink->SetProcessorType("DSP");
+    m_Peer.SetHandler([](const std::string& line) { return line + "MO=1\r\n;"; });
+    m_pLink->SendCommand("LS", reply, 1000, 0);
+    EXPECT_EQ(reply, "LS\rMO=1\r\n;");
+}
+
+TEST_F(Rs232Test, LinkCheckResults)
+{
+    m_Peer.SetHandler([](const std::string& line) {
+        return line == "SR\r" ? CScriptedPeer::Refusal(line, 2) : CScriptedPeer::Answer(line, "");
+    });
+    EXPECT_EQ(m_pLink->CheckLink(), -2) << "SR answered with an error";
+
+    m_Peer.SetHandler([](const std::string& line) {
+        return line == "SR\r" ? CScriptedPeer::Answer(line, "0") : std::string("\\COMMUNICATIOX\r;");
+    });
+    m_pLink->SetCheckEcho(0);
+    EXPECT_EQ(m_pLink->CheckLink(), 0) << "a wrong probe echo marks the link broken";
+    EXPECT_TRUE(m_pLink->IsLinkBroken());
+    std::string value;
+    EXPECT_EQ(m_pLink->SendCommandGetValue("SR", value, 1000), -1) << "a broken link sends nothing";
+
+    m_pLink->SetEchoMode(1);
+    size_t sent = m_Peer.Lines().size();
+    EXPECT_EQ(m_pLink->CheckLink(), 1) << "Don't Check Echo: no probe, SR decides";
+    EXPECT_EQ(m_Peer.Lines().size(), sent + 1);
+    EXPECT_FALSE(m_pLink->IsLinkBroken());
+}
+
+TEST_F(Rs232Test, IdentificationAndTheBreNolWarning)
+{
+    namespace fs = std::filesystem;
+    fs::path config = fs::temp_directory_path() / ("tessitor-id-" + std::to_string(::getpid()) + ".ini");
+    ::setenv("TESSITOR_CONFIG", config.c_str(), 1);
+    CCountingUi ui;
+    Ui::Install(&ui);
+    std::string version = "Talvina 2.1.0.0";
+    m_Peer.SetHandler([&](const std::string& line) { return CScriptedPeer::Answer(line, version); });
+
+    m_pLink->Identify();
+    EXPECT_EQ(m_pLink->GetVersionText(), "Talvina 2.1.0.0");
+    EXPECT_EQ(m_pLink->GetProcessorType(), "DSP");
+    EXPECT_TRUE(ui.m_arShown.empty());
+
+    version = "Bressa 1.4.0.0";
+    m_pLink->Identify();
+    EXPECT_EQ(m_pLink->GetProcessorType(), "BreNol");
+    ASSERT_EQ(ui.m_arShown.size(), 1u);
+    EXPECT_EQ(ui.m_arShown[0], "Tessitor: Some of the Tessitor's features might not be supported by this product.\n\n"
+                               "For this product it is recommended to use Tessitor VERSION 2_12_0_2_October2004 "
+                               "or earlier");
+
+    std::ofstream(config) << "[Settings]\nDon't show not support NOL/BRE message=1\n";
+    m_pLink->Identify();
+    EXPECT_EQ(ui.m_arShown.size(), 1u) << "the setting turns the warning off";
+
+    version = "Vosk 3.0.1.2";
+    m_pLink->Identify();
+    EXPECT_EQ(m_pLink->GetProcessorType(), "STP");
+
+    m_Peer.SetHandler([](const std::string&) { return std::string("XX\r;"); });
+    m_pLink->Identify();
+    EXPECT_EQ(m_pLink->GetVersionText(), "Unknown version") << "a failed VR leaves the version unknown";
+    EXPECT_EQ(m_pLink->GetProcessorType(), "");
+
+    Ui::Install(nullptr);
+    ::unsetenv("TESSITOR_CONFIG");
+    fs::remove(config);
+}
+
+TEST_F(Rs232Test, ListenersHearOfDisconnectAndDestructionLastFirst)
+{
+    std::vector<std::string> log;
+    CRecordingListener a(log, "a"), b(log, "b");
+    m_pLink->AddListenerCom(&a);
+    m_pLink->AddListenerCom(&b);
+    m_pLink->AddListenerCom(&a);
+
+    m_pLink->Disconnect();
+    EXPECT_EQ(log, (std::vector<std::string>{"disconnect b", "disconnect a"}));
+    EXPECT_FALSE(m_pLink->IsConnected());
+    std::string reply;
+    Exc e = Thrown([&] { m_pLink->SendCommand("SR", reply, 1000, 0); });
+    EXPECT_EQ(e.m_sMessage, "Communication must be Established.");
+
+    m_pLink->RemoveListenerCom(&a);
+    m_pLink.reset();
+    EXPECT_EQ(log.back(), "destroy b");
+    EXPECT_EQ(log.size(), 3u);
+}
+
+TEST_F(Rs232Test, PortIsExclusiveAndReopensAfterClose)
+{
+    CRs232 second{CCommunicationInfo{}};
+    second.SetDevicePath(m_Peer.Path());
+    EXPECT_EQ(second.Connect(), EBUSY);
+
+    m_pLink->Disconnect();
+    ASSERT_EQ(m_pLink->Connect(), 0) << "close released the port and its watch thread";
+    m_Peer.SetHandler([](const std::string& line) { return CScriptedPeer::Answer(line, "9"); });
+    EXPECT_EQ(Value("SR"), "9");
+
+    CRs232 missing{CCommunicationInfo{}};
+    missing.SetDevicePath("/dev/does-not-exist");
+    EXPECT_EQ(missing.Connect(), ENOENT);
+}
