@@ -1,0 +1,23 @@
+// Runs a program for end-to-end tests: arguments, extra environment and
+// standard input in; exit status, stdout and stderr out. A program that
+// outlives its time-out is killed (status -1).
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace tessitor::test {
+
+struct ProcessResult {
+    int nStatus = -1; ///< exit status, or -1 when killed or not started
+    std::string sOut;
+    std::string sErr;
+};
+
+ProcessResult RunProcess(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
+                         const std::string& input = {}, int timeoutMs = 60000);
+
+/// The tessitor executable under test ($TESSITOR_BIN).
+std::string TessitorPath();
+
+} // namespace tessitor::test
