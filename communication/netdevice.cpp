@@ -1,6 +1,7 @@
 #include "communication/netdevice.h"
 
 #include <cstdio>
+#include <cstring>
 #include <map>
 #include <utility>
 
@@ -142,8 +143,10 @@ bool CNetDevice::Refused(Outcome outcome, std::uint32_t status, const std::strin
 bool CNetDevice::ListDrives(std::vector<NetDriveEntry>& drives)
 {
     std::lock_guard lock(m_csDevice);
-    if (!m_Socket.IsOpen())
-        return Refused(Outcome::kClosed, 0, {}), false;
+    if (!m_Socket.IsOpen()) {
+        Refused(Outcome::kClosed, 0, {});
+        return false;
+    }
     const std::string frame = NetBuildFrame(kNetFnListDrives, 0, {});
     std::string buffer(kListBufferBytes, '\0');
     std::int32_t length = m_Socket.Exchange(frame.data(), frame.size(), buffer.data(), buffer.size());
@@ -167,8 +170,10 @@ bool CNetDevice::ListDrives(std::vector<NetDriveEntry>& drives)
 CNetDevice::Drive CNetDevice::OpenDrive(const std::string& name)
 {
     std::lock_guard lock(m_csDevice);
-    if (!m_Socket.IsOpen())
-        return Refused(Outcome::kClosed, 0, {}), Drive{};
+    if (!m_Socket.IsOpen()) {
+        Refused(Outcome::kClosed, 0, {});
+        return {};
+    }
     if (name.size() > kNetMaxNameBytes) {
         SetLastError("The drive name is too long: " + name);
         return {};
