@@ -8,8 +8,12 @@
 // not share the client's transaction or parsers, or a shared bug would hide.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
+
+#include "sim/simclock.h"
 
 namespace tessitor::sim {
 
@@ -26,7 +30,15 @@ public:
     /// A fresh drive of product (a name of data/products.txt); throws
     /// std::invalid_argument for a product that is not listed.
     explicit CSimDrive(const std::string& product = "Talvina");
+    /// A fresh drive of product at version ("a.b.c.d", a version of
+    /// data/versions.txt); throws std::invalid_argument when not listed.
+    CSimDrive(const std::string& product, const std::string& version);
     ~CSimDrive();
+    CSimDrive(const CSimDrive&) = delete;
+    CSimDrive& operator=(const CSimDrive&) = delete;
+
+    /// The servo period: the motor, its loops and the recorder step at it [s].
+    static constexpr double kServoPeriod = 100e-6;
 
     /// Runs one command line (without CR; a "DL" line keeps its backslash).
     SimReply Execute(const std::string& command);
@@ -34,6 +46,25 @@ public:
     std::string VersionString() const;
     /// "DSP", "STP" or "BreNol".
     std::string Family() const;
+
+    /// Replaces the clock the drive advances its motor and recorder by
+    /// (default: the machine's monotonic clock). The drive's time goes on
+    /// from where it was.
+    void SetClock(std::shared_ptr<CSimClock> clock);
+    /// Simulated time since power-up [s], as of the last command.
+    double Time() const;
+    /// The answer of a drive that refuses command with error (1..255): the
+    /// error is remembered for "EC" and the terminator chosen as for the
+    /// command. For faults injected by a front end.
+    SimReply Refuse(const std::string& command, int error);
+    /// The terminator that ends the reply to command on this drive.
+    char TerminatorFor(const std::string& command) const;
+
+    /// The parameter image kept by "SV" (the drive's flash).
+    std::vector<std::uint8_t> Flash() const;
+    /// Replaces the flash (e.g. one kept in a file between runs); false
+    /// when its size does not fit this drive's version.
+    bool SetFlash(const std::vector<std::uint8_t>& image);
 
 private:
     struct Impl;

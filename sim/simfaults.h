@@ -39,10 +39,14 @@ class CSimFaults {
 public:
     void Add(const FaultRule& rule);
     void Clear();
+    /// True when no rule is set (the serial face then echoes at once).
+    bool Empty();
     /// Counts the command and returns the rule that applies (kind kNone if none).
     FaultRule Next(const std::string& command);
-    /// Parses the command-line form, e.g. "drop:3", "drop:/SR", "delay:/PX:1500",
-    /// "wrong-echo:/VR", "cut:/BH:10", "garbage:5", "error:/MO:1";
+    /// Parses the command-line form KIND:TARGET[:ARGUMENT][:once], e.g.
+    /// "drop:3", "drop:/SR", "delay:/PX:1500", "wrong-echo:/VR", "cut:/BH:10",
+    /// "garbage:5", "garbage:*:xyz", "error:/MO:1"; TARGET is the Nth command,
+    /// /PATTERN (commands starting with it) or * (every command);
     /// throws std::invalid_argument with a message on a bad form.
     static FaultRule Parse(const std::string& text);
 
