@@ -1,0 +1,146 @@
+// tessitor sim: serve a virtual drive on a pseudo-terminal until SIGINT or
+// SIGTERM. The first line of stdout is the device path a client opens.
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <system_error>
+
+#include "sim/simserialserver.h"
+#include "ui/cli/clicontext.h"
+
+namespace tessitor::cli {
+
+namespace {
+
+struct SimOptions {
+    bool bSerial = false;
+    std::string sVersion;
+    unsigned nPace = 0;
+    std::vector<std::string> arFaults;
+    std::string sFlash;
+};
+
+// Reads the flash image kept by an earlier run; an absent file is a fresh drive.
+void LoadFlash(sim::CSimDrive& drive, const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        return;
+    std::vector<std::uint8_t> image((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (!drive.SetFlash(image))
+        throw UsageError("the flash file " + path + " does not fit " + drive.VersionString());
+    drive.Execute("LD"); // a drive starts with the parameters of its flash
+}
+
+// Writes the flash through a temporary file, so an interrupted write keeps the old one.
+bool SaveFlash(sim::CSimDrive& drive, const std::string& path)
+{
+    std::vector<std::uint8_t> image = drive.Flash();
+    std::string temporary = path + ".tmp";
+    {
+        std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
+        out.write(reinterpret_cast<const char*>(image.data()), static_cast<std::streamsize>(image.size()));
+        if (!out.flush()) {
+            std::remove(temporary.c_str());
+            return false;
+        }
+    }
+    return std::rename(temporary.c_str(), path.c_str()) == 0;
+}
+
+} // namespace
+
+void RegisterSimCommand(CLI::App& app, CCliContext& context)
+{
+    auto options = std::make_shared<SimOptions>();
+    CLI::App* sub = app.add_subcommand("sim", "Serve a virtual drive on a pseudo-terminal");
+    sub->add_flag("--serial", options->bSerial, "Serve the serial face on a new pseudo-terminal");
+    sub->add_option("--firmware", options->sVersion,
+                    "Version a.b.c.d of the product (default: its newest in versions.txt)");
+    sub->add_option("--pace", options->nPace, "Make the wire as slow as BAUD (10 bits a byte); 0 = no limit")
+        ->check(CLI::Range(0u, 100000000u));
+    sub->add_option("--fault", options->arFaults,
+                    "Inject a fault, KIND:TARGET[:ARG][:once] (repeatable), e.g. drop:3, delay:/PX:1500")
+        ->take_all();
+    sub->add_option("--flash", options->sFlash,
+                    "Keep the drive's flash (what SV saves) in FILE: loaded at start, written at exit");
+    sub->footer(
+        "Prints the pseudo-terminal's path as the first line of stdout, then serves until\n"
+        "interrupted (SIGINT or SIGTERM). The product is chosen with --product (default Talvina).\n\n"
+        "Faults: KIND is drop, delay (ARG ms), wrong-echo, cut (ARG bytes kept), garbage (ARG text),\n"
+        "error (ARG drive error number); TARGET is N (the Nth command), /PATTERN (commands that\n"
+        "start with PATTERN) or * (every command); \":once\" removes the fault after it fired.\n\n"
+        "Examples:\n"
+        "  tessitor sim --serial\n"
+        "  tessitor sim --serial --product Bressa --pace 19200\n"
+        "  tessitor sim --serial --fault drop:/SR --fault error:/MO:1\n"
+        "  tessitor send --serial /dev/pts/5 VR");
+    context.SetAction(sub, [&context, options] {
+        if (!options->bSerial)
+            throw UsageError("choose the face to serve: --serial");
+        if (context.m_Options.m_bSim || !context.m_Options.m_sSerialPath.empty() || !context.m_Options.m_sTcp.empty()
+            || !context.m_Options.m_sConnLine.empty() || context.m_Options.m_bLast)
+            throw UsageError("'sim' serves a drive; it takes no connection options");
+        std::vector<sim::FaultRule> faults;
+        for (const std::string& text : options->arFaults) {
+            try {
+                faults.push_back(sim::CSimFaults::Parse(text));
+            } catch (const std::invalid_argument& e) {
+                throw UsageError(e.what());
+            }
+        }
+        std::shared_ptr<sim::CSimDrive> drive;
+        try {
+            drive = options->sVersion.empty()
+                        ? std::make_shared<sim::CSimDrive>(context.m_Options.m_sProduct)
+                        : std::make_shared<sim::CSimDrive>(context.m_Options.m_sProduct, options->sVersion);
+        } catch (const std::invalid_argument& e) {
+            throw UsageError(e.what());
+        } catch (const std::runtime_error& e) {
+            throw ConnectError(std::string("tessitor sim: ") + e.what());
+        }
+        if (!options->sFlash.empty())
+            LoadFlash(*drive, options->sFlash);
+
+        // Block the stop signals before the serving thread starts, so that it
+        // inherits the mask and only sigwait below sees them.
+        sigset_t stopSignals;
+        sigemptyset(&stopSignals);
+        sigaddset(&stopSignals, SIGINT);
+        sigaddset(&stopSignals, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+        sim::CSimSerialServer server(drive);
+        for (const sim::FaultRule& rule : faults)
+            server.Faults().Add(rule);
+        server.SetPace(options->nPace);
+        try {
+            server.Start();
+        } catch (const std::system_error& e) {
+            throw ConnectError(std::string("tessitor sim: ") + e.what());
+        }
+        std::printf("%s\n", server.SlavePath().c_str());
+        std::fflush(stdout);
+        if (::isatty(STDERR_FILENO))
+            std::fprintf(stderr, "tessitor sim: %s on %s; stop with Ctrl-C\n", drive->VersionString().c_str(),
+                         server.SlavePath().c_str());
+
+        int received = 0;
+        while (sigwait(&stopSignals, &received) != 0) {
+        }
+        server.Stop();
+        if (!options->sFlash.empty() && !SaveFlash(*drive, options->sFlash)) {
+            std::fprintf(stderr, "tessitor sim: cannot write %s: %s\n", options->sFlash.c_str(), std::strerror(errno));
+            return 1;
+        }
+        return 0;
+    });
+}
+
+} // namespace tessitor::cli
