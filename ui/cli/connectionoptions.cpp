@@ -114,7 +114,13 @@ std::unique_ptr<CCommunication> CConnectionOptions::Connect()
 {
     auto [info, options] = Resolve();
     if (m_bSim) {
-        auto server = std::make_shared<sim::CSimSerialServer>(std::make_shared<sim::CSimDrive>(m_sProduct));
+        std::shared_ptr<sim::CSimDrive> drive;
+        try {
+            drive = std::make_shared<sim::CSimDrive>(m_sProduct);
+        } catch (const std::invalid_argument& e) {
+            throw UsageError(e.what());
+        }
+        auto server = std::make_shared<sim::CSimSerialServer>(drive);
         server->Start();
         options.sSerialPath = server->SlavePath();
         m_pEmbeddedDrive = server;
