@@ -213,23 +213,28 @@ int CNetDevice::SendCommand(const Drive& drive, const std::string& command, std:
     NetFrameHeader header;
     std::string payload;
     Outcome outcome = Request(drive, kNetFnCommand, NetCommandPayload(timeoutMs, command), timeoutMs, header, payload);
-    const std::uint32_t status = header.nWord3;
-    if (outcome == Outcome::kReply && (status & ~0xFFu) == kNetStatusDriveError && (status & 0xFF) != 0) {
-        // The same message the serial link gives for this refusal; the
-        // device's own text only where the tool has none.
-        const int n = static_cast<int>(status & 0xFF);
-        std::string text = CDriveErrorTable::Default()->Text(n);
-        if (text == "Unknown Error" && !payload.empty())
-            text = payload;
-        char head[64 + kMaxCommandBytes];
-        std::snprintf(head, sizeof head, "Error (%d) :  '%s' : ", n, command.c_str());
-        SetLastError(head + text + " !");
-        return 1;
-    }
-    if (Refused(outcome, status, payload))
+    if (DriveRefused(outcome, header.nWord3, command, payload) || Refused(outcome, header.nWord3, payload))
         return 1;
     value = std::move(payload);
     return 0;
+}
+
+bool CNetDevice::DriveRefused(Outcome outcome, std::uint32_t status, const std::string& command,
+                              const std::string& payload)
+{
+    if (outcome != Outcome::kReply || (status & ~0xFFu) != kNetStatusDriveError || (status & 0xFF) == 0)
+        return false;
+    // The same message the serial link gives for this refusal; the
+    // device's own text only where the tool has none.
+    const int n = static_cast<int>(status & 0xFF);
+    std::string text = CDriveErrorTable::Default()->Text(n);
+    if (text == "Unknown Error" && !payload.empty())
+        text = payload;
+    std::string head(64 + command.size(), '\0');
+    head.resize(static_cast<std::size_t>(
+        std::snprintf(head.data(), head.size(), "Error (%d) :  '%s' : ", n, command.c_str())));
+    SetLastError(head + text + " !");
+    return true;
 }
 
 int CNetDevice::SendRaw(const Drive& drive, const std::string& wire, char terminator, std::uint32_t timeoutMs,
@@ -260,7 +265,8 @@ int CNetDevice::Upload(const Drive& drive, std::uint32_t mask, std::uint32_t fir
     std::string payload;
     Outcome outcome =
         Request(drive, kNetFnUpload, NetUploadPayload(timeoutMs, mask, first, last), timeoutMs, header, payload);
-    if (Refused(outcome, header.nWord3, payload))
+    if (DriveRefused(outcome, header.nWord3, "BH=" + std::to_string(mask), payload)
+        || Refused(outcome, header.nWord3, payload))
         return 1;
     data = std::move(payload);
     return 0;

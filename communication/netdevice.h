@@ -90,6 +90,7 @@ private:
     Outcome Request(const Drive& drive, std::uint32_t functionId, const std::string& payload,
                     std::uint32_t timeoutMs, NetFrameHeader& header, std::string& replyPayload);
     bool Refused(Outcome outcome, std::uint32_t status, const std::string& payload);
+    bool DriveRefused(Outcome outcome, std::uint32_t status, const std::string& command, const std::string& payload);
 
     const std::string m_sAddress;
     const std::uint16_t m_wPort;

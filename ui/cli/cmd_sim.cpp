@@ -5,13 +5,16 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <system_error>
 
 #include "sim/simserialserver.h"
+#include "sim/simtcpserver.h"
 #include "ui/cli/clicontext.h"
 
 namespace tessitor::cli {
@@ -20,6 +23,7 @@ namespace {
 
 struct SimOptions {
     bool bSerial = false;
+    std::string sTcp; // [HOST:]PORT of the network device face
     std::string sVersion;
     unsigned nPace = 0;
     std::vector<std::string> arFaults;
@@ -54,13 +58,67 @@ bool SaveFlash(sim::CSimDrive& drive, const std::string& path)
     return std::rename(temporary.c_str(), path.c_str()) == 0;
 }
 
+// The network device face: prints HOST:PORT, serves until SIGINT or SIGTERM.
+int ServeTcp(const std::string& where, const std::string& product, const SimOptions& options,
+             const std::vector<sim::FaultRule>& faults)
+{
+    if (options.nPace != 0 || !options.sFlash.empty())
+        throw UsageError("--pace and --flash go with --serial");
+    std::string host = "127.0.0.1";
+    std::string port = where;
+    if (size_t colon = where.rfind(':'); colon != std::string::npos) {
+        host = where.substr(0, colon);
+        port = where.substr(colon + 1);
+    }
+    char* end = nullptr;
+    long number = std::strtol(port.c_str(), &end, 10);
+    if (host.empty() || port.empty() || *end != '\0' || number < 0 || number > 65535)
+        throw UsageError("bad --tcp '" + where + "': [HOST:]PORT with PORT 0 to 65535 is expected");
+
+    std::unique_ptr<sim::CSimTcpServer> server;
+    try {
+        server = std::make_unique<sim::CSimTcpServer>(product, options.sVersion);
+    } catch (const std::invalid_argument& e) {
+        throw UsageError(e.what());
+    } catch (const std::runtime_error& e) {
+        throw ConnectError(std::string("tessitor sim: ") + e.what());
+    }
+    for (const sim::FaultRule& rule : faults)
+        server->Faults().Add(rule);
+
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    try {
+        server->Start(host, static_cast<std::uint16_t>(number));
+    } catch (const std::system_error& e) {
+        throw ConnectError(std::string("tessitor sim: ") + e.what());
+    }
+    std::printf("%s:%u\n", server->Host().c_str(), server->Port());
+    std::fflush(stdout);
+    if (::isatty(STDERR_FILENO))
+        std::fprintf(stderr, "tessitor sim: %s behind %s:%u; stop with Ctrl-C\n",
+                     server->Drive("RS232 Port 1")->VersionString().c_str(), server->Host().c_str(), server->Port());
+
+    int received = 0;
+    while (sigwait(&stopSignals, &received) != 0) {
+    }
+    server->Stop();
+    return 0;
+}
+
 } // namespace
 
 void RegisterSimCommand(CLI::App& app, CCliContext& context)
 {
     auto options = std::make_shared<SimOptions>();
-    CLI::App* sub = app.add_subcommand("sim", "Serve a virtual drive on a pseudo-terminal");
+    CLI::App* sub = app.add_subcommand("sim", "Serve a virtual drive on a pseudo-terminal or as a network device");
     sub->add_flag("--serial", options->bSerial, "Serve the serial face on a new pseudo-terminal");
+    sub->add_option("--tcp", options->sTcp,
+                    "Serve a network device with the drives \"RS232 Port 1\", \"RS232 Port 2\" and\n"
+                    "\"CANopen Bus 1 NodeID 5\" on [HOST:]PORT (host 127.0.0.1 unless given; port 0: a free one)");
     sub->add_option("--firmware", options->sVersion,
                     "Version a.b.c.d of the product (default: its newest in versions.txt)");
     sub->add_option("--pace", options->nPace, "Make the wire as slow as BAUD (10 bits a byte); 0 = no limit")
@@ -71,19 +129,23 @@ void RegisterSimCommand(CLI::App& app, CCliContext& context)
     sub->add_option("--flash", options->sFlash,
                     "Keep the drive's flash (what SV saves) in FILE: loaded at start, written at exit");
     sub->footer(
-        "Prints the pseudo-terminal's path as the first line of stdout, then serves until\n"
-        "interrupted (SIGINT or SIGTERM). The product is chosen with --product (default Talvina).\n\n"
+        "Prints the pseudo-terminal's path (with --tcp: HOST:PORT) as the first line of stdout,\n"
+        "then serves until interrupted (SIGINT or SIGTERM). The product is chosen with --product\n"
+        "(default Talvina).\n\n"
         "Faults: KIND is drop, delay (ARG ms), wrong-echo, cut (ARG bytes kept), garbage (ARG text),\n"
-        "error (ARG drive error number); TARGET is N (the Nth command), /PATTERN (commands that\n"
+        "error (ARG drive error number), and with --tcp also wrong-function-id, half-header and\n"
+        "drop-connection; TARGET is N (the Nth command), /PATTERN (commands that\n"
         "start with PATTERN) or * (every command); \":once\" removes the fault after it fired.\n\n"
         "Examples:\n"
         "  tessitor sim --serial\n"
         "  tessitor sim --serial --product Bressa --pace 19200\n"
         "  tessitor sim --serial --fault drop:/SR --fault error:/MO:1\n"
+        "  tessitor sim --tcp 0 --fault half-header:/SR:once\n"
+        "  tessitor send --tcp 127.0.0.1:47150 --target \"RS232 Port 2\" VR\n"
         "  tessitor send --serial /dev/pts/5 VR");
     context.SetAction(sub, [&context, options] {
-        if (!options->bSerial)
-            throw UsageError("choose the face to serve: --serial");
+        if (options->bSerial == !options->sTcp.empty())
+            throw UsageError("choose one face to serve: --serial or --tcp [HOST:]PORT");
         if (context.m_Options.m_bSim || !context.m_Options.m_sSerialPath.empty() || !context.m_Options.m_sTcp.empty()
             || !context.m_Options.m_sConnLine.empty() || context.m_Options.m_bLast)
             throw UsageError("'sim' serves a drive; it takes no connection options");
@@ -95,6 +157,8 @@ void RegisterSimCommand(CLI::App& app, CCliContext& context)
                 throw UsageError(e.what());
             }
         }
+        if (!options->sTcp.empty())
+            return ServeTcp(options->sTcp, context.m_Options.m_sProduct, *options, faults);
         std::shared_ptr<sim::CSimDrive> drive;
         try {
             drive = options->sVersion.empty()

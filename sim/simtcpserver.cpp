@@ -1,0 +1,563 @@
+#include "sim/simtcpserver.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <list>
+#include <map>
+#include <mutex>
+#include <stdexcept>
+#include <system_error>
+#include <thread>
+
+namespace tessitor::sim {
+namespace {
+
+// The protocol's numbers, as docs/network-device-protocol.md gives them.
+// The device keeps its own copy and its own frame code, apart from the
+// client's, so that a protocol bug in the client cannot hide behind the
+// same bug here.
+constexpr std::size_t kHeaderBytes = 12;
+constexpr std::uint32_t kNetMaxPayloadBytes = 1u << 20;
+constexpr std::size_t kNetMaxNameBytes = 127;
+constexpr std::uint32_t kNetProtocolVersion = 1;
+enum : std::uint32_t {
+    kNetFnListDrives = 1,
+    kNetFnOpenDrive = 2,
+    kNetFnCommand = 3,
+    kNetFnRawReply = 4,
+    kNetFnUpload = 5,
+    kNetFnCloseDrive = 6,
+};
+enum : std::uint32_t {
+    kNetStatusOk = 0,
+    kNetStatusDriveError = 0x100,
+    kNetStatusNoSuchDrive = 0x200,
+    kNetStatusBadHandle = 0x201,
+    kNetStatusBadRequest = 0x202,
+    kNetStatusUnknownFunction = 0x203,
+};
+enum : std::uint32_t { kNetDriveSerial = 0, kNetDriveCanopen = 1 };
+constexpr std::size_t kMaxCommandChars = 8190; // the drive's line limit less CR
+constexpr std::uint32_t kWrongFunctionOffset = 0x100;
+// Reply statuses 1..12 are the coded results of the client's transaction.
+constexpr std::uint32_t kStatusTimeout = 1;
+constexpr std::uint32_t kStatusBadEcho = 10;
+
+void PutU32(std::string& out, std::uint32_t v)
+{
+    for (int shift = 0; shift < 32; shift += 8)
+        out += static_cast<char>((v >> shift) & 0xFF);
+}
+
+std::uint32_t GetU32(const std::string& in, std::size_t at)
+{
+    std::uint32_t v = 0;
+    for (int i = 3; i >= 0; --i)
+        v = (v << 8) | static_cast<unsigned char>(in[at + static_cast<std::size_t>(i)]);
+    return v;
+}
+
+std::string Frame(std::uint32_t length, std::uint32_t functionId, std::uint32_t status)
+{
+    std::string header;
+    PutU32(header, length);
+    PutU32(header, functionId);
+    PutU32(header, status);
+    return header;
+}
+
+std::uint32_t DriveKind(const std::string& name)
+{
+    return name.rfind("CANopen", 0) == 0 ? kNetDriveCanopen : kNetDriveSerial;
+}
+
+// What the device sends back for one request.
+struct Answer {
+    std::uint32_t nStatus = kNetStatusOk;
+    std::string sPayload;
+    FaultKind eFrameFault = FaultKind::kNone;
+};
+
+} // namespace
+
+struct CSimTcpServer::Impl {
+    struct Entry {
+        std::string sName;
+        std::shared_ptr<CSimDrive> pDrive;
+    };
+    struct Client {
+        int fd = -1;
+        std::thread thread;
+        std::atomic<bool> bDone{false};
+    };
+
+    std::vector<Entry> drives;
+    CSimFaults faults;
+    int listenFd = -1;
+    int wake[2] = {-1, -1};
+    std::string host;
+    std::uint16_t port = 0;
+    std::atomic<int> clientCount{0};
+    std::atomic<int> acceptedCount{0};
+    std::thread acceptThread;
+    std::mutex clientsLock;
+    std::list<std::unique_ptr<Client>> clients;
+    std::mutex stopLock;
+    std::condition_variable stopEvent;
+    bool stopping = false;
+
+    // Sleeps ms, or less when the device stops; false when it stops.
+    bool Pause(int ms)
+    {
+        std::unique_lock lock(stopLock);
+        return !stopEvent.wait_for(lock, std::chrono::milliseconds(ms), [this] { return stopping; });
+    }
+
+    bool Stopping()
+    {
+        std::lock_guard lock(stopLock);
+        return stopping;
+    }
+
+    // Reads exactly length bytes; false on close, error or stop.
+    bool ReadExactly(int fd, char* data, std::size_t length)
+    {
+        std::size_t got = 0;
+        while (got < length) {
+            pollfd fds[2] = {{fd, POLLIN, 0}, {wake[0], POLLIN, 0}};
+            int ready = ::poll(fds, 2, -1);
+            if (ready < 0 && errno == EINTR)
+                continue;
+            if (ready < 0 || (fds[1].revents & POLLIN))
+                return false;
+            ssize_t n = ::recv(fd, data + got, length - got, 0);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0)
+                return false;
+            got += static_cast<std::size_t>(n);
+        }
+        return true;
+    }
+
+    // Writes all bytes; false on error, or on stop while the client reads nothing.
+    bool WriteAll(int fd, const std::string& bytes)
+    {
+        std::size_t sent = 0;
+        while (sent < bytes.size()) {
+            ssize_t n = ::send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+            if (n > 0) {
+                sent += static_cast<std::size_t>(n);
+                continue;
+            }
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK))
+                return false;
+            pollfd fds[2] = {{fd, POLLOUT, 0}, {wake[0], POLLIN, 0}};
+            if (::poll(fds, 2, -1) < 0 && errno != EINTR)
+                return false;
+            if (fds[1].revents & POLLIN)
+                return false;
+        }
+        return true;
+    }
+
+    // The device waited the request's time-out for the drive in vain.
+    Answer TimedOut(std::uint32_t timeoutMs, std::string partial = {})
+    {
+        Pause(static_cast<int>(timeoutMs));
+        return {kStatusTimeout, std::move(partial), FaultKind::kNone};
+    }
+
+    // Applies a late answer: true when the drive answered within the time-out.
+    bool InTime(const FaultRule& rule, std::uint32_t timeoutMs)
+    {
+        if (rule.eKind != FaultKind::kDelay)
+            return true;
+        if (static_cast<std::uint32_t>(rule.nDelayMs) >= timeoutMs)
+            return false;
+        Pause(rule.nDelayMs);
+        return true;
+    }
+
+    static bool IsFrameFault(FaultKind kind)
+    {
+        return kind == FaultKind::kWrongFunctionId || kind == FaultKind::kHalfHeader
+            || kind == FaultKind::kDropConnection;
+    }
+
+    // One command, its value or its refusal.
+    Answer Command(CSimDrive& drive, const std::string& command, std::uint32_t timeoutMs)
+    {
+        FaultRule rule = faults.Next(command);
+        Answer answer;
+        switch (rule.eKind) {
+        case FaultKind::kDrop:
+        case FaultKind::kCut: // the terminator never comes
+            return TimedOut(timeoutMs);
+        case FaultKind::kWrongEcho:
+        case FaultKind::kGarbage:
+            drive.Execute(command);
+            answer.nStatus = kStatusBadEcho;
+            answer.sPayload = "Bad Echo from Controller";
+            return answer;
+        case FaultKind::kDriveError:
+            drive.Refuse(command, rule.nErrorNumber); // "EC" reports it, as on the serial face
+            answer.nStatus = kNetStatusDriveError | (static_cast<std::uint32_t>(rule.nErrorNumber) & 0xFF);
+            return answer;
+        default:
+            break;
+        }
+        if (!InTime(rule, timeoutMs))
+            return TimedOut(timeoutMs);
+        SimReply reply = drive.Execute(command);
+        if (reply.bError)
+            answer.nStatus = kNetStatusDriveError | (static_cast<std::uint32_t>(reply.nErrorNumber) & 0xFF);
+        else
+            answer.sPayload = reply.sValue;
+        if (IsFrameFault(rule.eKind))
+            answer.eFrameFault = rule.eKind;
+        return answer;
+    }
+
+    // One command, and the bytes the drive sent back up to the terminator.
+    Answer Raw(CSimDrive& drive, const std::string& wire, char terminator, std::uint32_t timeoutMs)
+    {
+        std::string command = wire;
+        if (!command.empty() && command.back() == '\r')
+            command.pop_back();
+        FaultRule rule = faults.Next(command);
+        if (rule.eKind == FaultKind::kDrop || !InTime(rule, timeoutMs))
+            return TimedOut(timeoutMs);
+
+        SimReply reply = rule.eKind == FaultKind::kDriveError ? drive.Refuse(command, rule.nErrorNumber)
+                                                               : drive.Execute(command);
+        std::string bytes = wire;
+        if (rule.eKind == FaultKind::kWrongEcho && !bytes.empty())
+            bytes[0] = bytes[0] == 'X' ? 'Y' : 'X';
+        if (reply.bError)
+            bytes += std::string(1, static_cast<char>(reply.nErrorNumber)) + "?" + reply.cTerminator;
+        else
+            bytes += reply.sValue + reply.cTerminator;
+        if (rule.eKind == FaultKind::kGarbage)
+            bytes = rule.sGarbage + bytes;
+        if (rule.eKind == FaultKind::kCut)
+            bytes.resize(std::min<std::size_t>(bytes.size(), static_cast<std::size_t>(std::max(0, rule.nCutBytes))));
+
+        // A device returns what came up to the first terminator after the
+        // echo; without one it waits out the time-out.
+        std::size_t end = bytes.find(terminator, std::min(wire.size(), bytes.size()));
+        if (end == std::string::npos)
+            return TimedOut(timeoutMs, bytes);
+        Answer answer;
+        answer.sPayload = bytes.substr(0, end + 1);
+        if (IsFrameFault(rule.eKind))
+            answer.eFrameFault = rule.eKind;
+        return answer;
+    }
+
+    Answer Handle(std::uint32_t functionId, std::uint32_t handle, const std::string& payload,
+                  std::map<std::uint32_t, std::size_t>& handles, std::uint32_t& nextHandle)
+    {
+        Answer answer;
+        auto refuse = [&answer](std::uint32_t status, std::string text) {
+            answer.nStatus = status;
+            answer.sPayload = std::move(text);
+            return answer;
+        };
+        CSimDrive* drive = nullptr;
+        if (functionId == kNetFnCommand || functionId == kNetFnRawReply || functionId == kNetFnUpload
+            || functionId == kNetFnCloseDrive) {
+            auto it = handles.find(handle);
+            if (it == handles.end())
+                return refuse(kNetStatusBadHandle, "handle " + std::to_string(handle) + " is not open");
+            drive = drives[it->second].pDrive.get();
+        }
+
+        switch (functionId) {
+        case kNetFnListDrives:
+            PutU32(answer.sPayload, kNetProtocolVersion);
+            PutU32(answer.sPayload, static_cast<std::uint32_t>(drives.size()));
+            for (const Entry& entry : drives) {
+                PutU32(answer.sPayload, DriveKind(entry.sName));
+                PutU32(answer.sPayload, static_cast<std::uint32_t>(entry.sName.size()));
+                answer.sPayload += entry.sName;
+            }
+            return answer;
+        case kNetFnOpenDrive:
+            for (std::size_t i = 0; i < drives.size(); ++i) {
+                if (drives[i].sName == payload) {
+                    handles[nextHandle] = i;
+                    PutU32(answer.sPayload, nextHandle++);
+                    return answer;
+                }
+            }
+            return refuse(kNetStatusNoSuchDrive, "no drive named '" + payload + "'");
+        case kNetFnCloseDrive:
+            handles.erase(handle);
+            return answer;
+        case kNetFnCommand:
+            if (payload.size() < 5 || payload.size() - 4 > kMaxCommandChars)
+                return refuse(kNetStatusBadRequest, "a command of 1 to 8190 characters is expected");
+            return Command(*drive, payload.substr(4), GetU32(payload, 0));
+        case kNetFnRawReply: {
+            if (payload.size() < 9 || payload.size() - 8 > kMaxCommandChars + 1)
+                return refuse(kNetStatusBadRequest, "a command line of 1 to 8191 bytes is expected");
+            std::uint32_t terminator = GetU32(payload, 4);
+            if (terminator > 0xFF)
+                return refuse(kNetStatusBadRequest, "the terminator is one byte");
+            return Raw(*drive, payload.substr(8), static_cast<char>(terminator), GetU32(payload, 0));
+        }
+        case kNetFnUpload: {
+            if (payload.size() != 16)
+                return refuse(kNetStatusBadRequest, "time-out, mask, first and last sample are expected");
+            std::uint32_t timeoutMs = GetU32(payload, 0);
+            drive->Execute("RP[8]=" + std::to_string(GetU32(payload, 8)));
+            drive->Execute("RP[9]=" + std::to_string(GetU32(payload, 12)));
+            return Command(*drive, "BH=" + std::to_string(GetU32(payload, 4)), timeoutMs);
+        }
+        default:
+            return refuse(kNetStatusUnknownFunction, "function " + std::to_string(functionId) + " is not known");
+        }
+    }
+
+    // False when the connection is to end here.
+    bool Send(int fd, std::uint32_t functionId, const Answer& answer)
+    {
+        const auto length = static_cast<std::uint32_t>(answer.sPayload.size());
+        switch (answer.eFrameFault) {
+        case FaultKind::kWrongFunctionId:
+            return WriteAll(fd, Frame(length, functionId + kWrongFunctionOffset, answer.nStatus) + answer.sPayload);
+        case FaultKind::kHalfHeader: {
+            // Half a header, then silence until the client gives up.
+            WriteAll(fd, Frame(length, functionId, answer.nStatus).substr(0, kHeaderBytes / 2));
+            char sink[256];
+            while (ReadExactly(fd, sink, 1)) {
+            }
+            return false;
+        }
+        case FaultKind::kDropConnection:
+            WriteAll(fd, Frame(length, functionId, answer.nStatus) + answer.sPayload.substr(0, length / 2));
+            return false;
+        default:
+            return WriteAll(fd, Frame(length, functionId, answer.nStatus) + answer.sPayload);
+        }
+    }
+
+    void Serve(Client& client)
+    {
+        pthread_setname_np(pthread_self(), "SimTcpClient");
+        std::map<std::uint32_t, std::size_t> handles;
+        std::uint32_t nextHandle = 1;
+        std::string header(kHeaderBytes, '\0');
+        std::string payload;
+        while (ReadExactly(client.fd, header.data(), kHeaderBytes)) {
+            std::uint32_t length = GetU32(header, 0);
+            std::uint32_t functionId = GetU32(header, 4);
+            std::uint32_t word3 = GetU32(header, 8);
+            if (length > kNetMaxPayloadBytes)
+                break; // cannot find the next frame again
+            payload.assign(length, '\0');
+            if (!ReadExactly(client.fd, payload.data(), length))
+                break;
+            if (!Send(client.fd, functionId, Handle(functionId, word3, payload, handles, nextHandle)))
+                break;
+        }
+        ::shutdown(client.fd, SHUT_RDWR);
+        ::close(client.fd);
+        --clientCount;
+        client.bDone = true;
+    }
+
+    void ReapFinished()
+    {
+        std::lock_guard lock(clientsLock);
+        for (auto it = clients.begin(); it != clients.end();) {
+            if ((*it)->bDone) {
+                (*it)->thread.join();
+                it = clients.erase(it);
+            } else {
+                ++it;
+            }
+        }
+    }
+
+    void AcceptLoop()
+    {
+        pthread_setname_np(pthread_self(), "SimTcpAccept");
+        for (;;) {
+            pollfd fds[2] = {{listenFd, POLLIN, 0}, {wake[0], POLLIN, 0}};
+            int ready = ::poll(fds, 2, -1);
+            if (ready < 0 && errno == EINTR)
+                continue;
+            if (ready < 0 || (fds[1].revents & POLLIN))
+                return;
+            int fd = ::accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+            if (fd < 0)
+                continue;
+            int on = 1;
+            ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+            ReapFinished();
+            ++clientCount;
+            ++acceptedCount;
+            auto client = std::make_unique<Client>();
+            client->fd = fd;
+            Client& ref = *client;
+            std::lock_guard lock(clientsLock);
+            clients.push_back(std::move(client));
+            ref.thread = std::thread([this, &ref] { Serve(ref); });
+        }
+    }
+};
+
+CSimTcpServer::CSimTcpServer(const std::string& product, const std::string& version) : m_pImpl(std::make_unique<Impl>())
+{
+    for (const char* name : {"RS232 Port 1", "RS232 Port 2", "CANopen Bus 1 NodeID 5"})
+        AddDrive(name, version.empty() ? std::make_shared<CSimDrive>(product)
+                                       : std::make_shared<CSimDrive>(product, version));
+}
+
+CSimTcpServer::~CSimTcpServer()
+{
+    Stop();
+}
+
+void CSimTcpServer::AddDrive(const std::string& name, std::shared_ptr<CSimDrive> drive)
+{
+    if (name.empty() || name.size() > kNetMaxNameBytes)
+        throw std::invalid_argument("a drive name has 1 to 127 characters: '" + name + "'");
+    m_pImpl->drives.push_back({name, std::move(drive)});
+}
+
+std::shared_ptr<CSimDrive> CSimTcpServer::Drive(const std::string& name) const
+{
+    for (const auto& entry : m_pImpl->drives)
+        if (entry.sName == name)
+            return entry.pDrive;
+    return nullptr;
+}
+
+std::vector<std::string> CSimTcpServer::DriveNames() const
+{
+    std::vector<std::string> names;
+    for (const auto& entry : m_pImpl->drives)
+        names.push_back(entry.sName);
+    return names;
+}
+
+void CSimTcpServer::Start(const std::string& host, std::uint16_t port)
+{
+    Impl& p = *m_pImpl;
+    if (p.listenFd >= 0)
+        throw std::logic_error("the virtual network device is already serving");
+
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    if (::inet_pton(AF_INET, host.c_str(), &address.sin_addr) != 1) {
+        addrinfo hints{};
+        hints.ai_family = AF_INET;
+        hints.ai_socktype = SOCK_STREAM;
+        addrinfo* found = nullptr;
+        if (::getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0 || !found)
+            throw std::system_error(EINVAL, std::generic_category(), "cannot resolve '" + host + "'");
+        address.sin_addr = reinterpret_cast<sockaddr_in*>(found->ai_addr)->sin_addr;
+        ::freeaddrinfo(found);
+    }
+
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        throw std::system_error(errno, std::generic_category(), "socket");
+    int on = 1;
+    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    socklen_t size = sizeof address;
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || ::listen(fd, 16) != 0
+        || ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+        int error = errno;
+        ::close(fd);
+        throw std::system_error(error, std::generic_category(),
+                                "cannot listen on " + host + ":" + std::to_string(port));
+    }
+    if (::pipe2(p.wake, O_CLOEXEC) != 0) {
+        int error = errno;
+        ::close(fd);
+        throw std::system_error(error, std::generic_category(), "pipe");
+    }
+    char dotted[INET_ADDRSTRLEN] = {};
+    ::inet_ntop(AF_INET, &address.sin_addr, dotted, sizeof dotted);
+    p.host = dotted;
+    p.port = ntohs(address.sin_port);
+    p.listenFd = fd;
+    {
+        std::lock_guard lock(p.stopLock);
+        p.stopping = false;
+    }
+    p.acceptThread = std::thread([&p] { p.AcceptLoop(); });
+}
+
+void CSimTcpServer::Stop()
+{
+    Impl& p = *m_pImpl;
+    if (p.listenFd < 0)
+        return;
+    {
+        std::lock_guard lock(p.stopLock);
+        p.stopping = true;
+    }
+    p.stopEvent.notify_all();
+    char poke = 1;
+    [[maybe_unused]] ssize_t ignored = ::write(p.wake[1], &poke, 1);
+    p.acceptThread.join();
+    {
+        std::lock_guard lock(p.clientsLock);
+        for (auto& client : p.clients)
+            client->thread.join();
+        p.clients.clear();
+    }
+    ::close(p.listenFd);
+    ::close(p.wake[0]);
+    ::close(p.wake[1]);
+    p.listenFd = -1;
+    p.wake[0] = p.wake[1] = -1;
+}
+
+std::string CSimTcpServer::Host() const
+{
+    return m_pImpl->host;
+}
+
+std::uint16_t CSimTcpServer::Port() const
+{
+    return m_pImpl->port;
+}
+
+int CSimTcpServer::ClientCount() const
+{
+    return m_pImpl->clientCount;
+}
+
+int CSimTcpServer::AcceptedCount() const
+{
+    return m_pImpl->acceptedCount;
+}
+
+CSimFaults& CSimTcpServer::Faults()
+{
+    return m_pImpl->faults;
+}
+
+} // namespace tessitor::sim
