@@ -1,0 +1,163 @@
+// `tessitor sim` served in its own process, used by `tessitor` commands
+// over the pseudo-terminal it prints; and the embedded drive of --sim and demo.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+
+#include "tests/support/process.h"
+
+using namespace tessitor::test;
+namespace fs = std::filesystem;
+
+extern char** environ;
+
+namespace {
+
+// `tessitor sim ...` running in the background.
+class CSimProcess {
+public:
+    explicit CSimProcess(const std::vector<std::string>& arguments)
+    {
+        std::vector<std::string> args = {TessitorPath(), "sim"};
+        args.insert(args.end(), arguments.begin(), arguments.end());
+        std::vector<char*> argv;
+        for (auto& a : args)
+            argv.push_back(a.data());
+        argv.push_back(nullptr);
+        int out[2];
+        if (::pipe2(out, O_CLOEXEC) != 0)
+            return;
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+        if (::posix_spawn(&m_pid, argv[0], &actions, nullptr, argv.data(), environ) != 0)
+            m_pid = -1;
+        posix_spawn_file_actions_destroy(&actions);
+        ::close(out[1]);
+        m_fdOut = out[0];
+    }
+    ~CSimProcess()
+    {
+        if (m_pid > 0) {
+            ::kill(m_pid, SIGKILL);
+            ::waitpid(m_pid, nullptr, 0);
+        }
+        if (m_fdOut >= 0)
+            ::close(m_fdOut);
+    }
+    /// The first line of stdout (the device path), "" if none came.
+    std::string FirstLine()
+    {
+        std::string line;
+        char c;
+        pollfd p{m_fdOut, POLLIN, 0};
+        while (::poll(&p, 1, 20000) > 0 && ::read(m_fdOut, &c, 1) == 1 && c != '\n')
+            line += c;
+        return line;
+    }
+    /// Sends signal and returns the exit status (-1 if it did not exit normally).
+    int Stop(int signal = SIGINT)
+    {
+        ::kill(m_pid, signal);
+        int status = 0;
+        ::waitpid(m_pid, &status, 0);
+        m_pid = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+private:
+    pid_t m_pid = -1;
+    int m_fdOut = -1;
+};
+
+ProcessResult Tessitor(std::vector<std::string> args)
+{
+    args.insert(args.begin(), TessitorPath());
+    std::string config = (fs::temp_directory_path() / ("tessitor-sim-test-" + std::to_string(::getpid()) + ".ini")).string();
+    return RunProcess(args, {"TESSITOR_CONFIG=" + config});
+}
+
+} // namespace
+
+TEST(SimCliTest, ServesUntilInterrupted)
+{
+    CSimProcess sim({"--serial", "--product", "Vosk"});
+    std::string path = sim.FirstLine();
+    ASSERT_EQ(path.rfind("/dev/pts/", 0), 0u) << path;
+
+    ProcessResult r = Tessitor({"send", "--serial", path, "VR", "UM", "MO=1", "SR"});
+    EXPECT_EQ(r.nStatus, 0) << r.sErr;
+    EXPECT_EQ(r.sOut, "Vosk 1.3.2.0\n3\n\n22\n");
+    ProcessResult again = Tessitor({"send", "--serial", path, "MO"});
+    EXPECT_EQ(again.sOut, "1\n") << "the drive keeps its state between clients";
+
+    EXPECT_EQ(sim.Stop(SIGINT), 0);
+}
+
+TEST(SimCliTest, FaultsFromTheCommandLineReachTheClient)
+{
+    CSimProcess sim({"--serial", "--fault", "error:/MO:1", "--fault", "drop:/SR"});
+    std::string path = sim.FirstLine();
+
+    ProcessResult refused = Tessitor({"send", "--serial", path, "MO=1"});
+    EXPECT_EQ(refused.nStatus, 1);
+    EXPECT_EQ(refused.sErr, "Error (1) :  'MO=1' : Motor must be off !\n");
+
+    ProcessResult lost = Tessitor({"send", "--timeout", "200", "--serial", path, "PX", "SR"});
+    EXPECT_EQ(lost.nStatus, 1);
+    EXPECT_EQ(lost.sOut, "0\n");
+    EXPECT_NE(lost.sErr.find("Time Out Waiting for Response from Controller"), std::string::npos) << lost.sErr;
+
+    EXPECT_EQ(sim.Stop(SIGTERM), 0);
+}
+
+TEST(SimCliTest, FlashFileKeepsSavedParametersBetweenRuns)
+{
+    fs::path flash = fs::temp_directory_path() / ("tessitor-sim-flash-" + std::to_string(::getpid()) + ".bin");
+    fs::remove(flash);
+    {
+        CSimProcess sim({"--serial", "--flash", flash.string()});
+        std::string path = sim.FirstLine();
+        EXPECT_EQ(Tessitor({"send", "--serial", path, "KP[3]=55", "SV"}).nStatus, 0);
+        EXPECT_EQ(sim.Stop(), 0);
+    }
+    {
+        CSimProcess sim({"--serial", "--flash", flash.string()});
+        std::string path = sim.FirstLine();
+        EXPECT_EQ(Tessitor({"send", "--serial", path, "KP[3]"}).sOut, "55\n");
+        EXPECT_EQ(sim.Stop(), 0);
+    }
+    fs::remove(flash);
+}
+
+TEST(SimCliTest, WrongUsageExitsTwo)
+{
+    for (const std::vector<std::string>& args :
+         {std::vector<std::string>{"sim"}, {"sim", "--serial", "--fault", "explode:1"},
+          {"sim", "--serial", "--product", "Nonesuch"}, {"sim", "--serial", "--pace", "-5"}}) {
+        ProcessResult r = Tessitor(args);
+        EXPECT_EQ(r.nStatus, 2) << args.back() << ": " << r.sErr;
+        EXPECT_FALSE(r.sErr.empty());
+        EXPECT_EQ(r.sOut, "");
+    }
+}
+
+TEST(SimCliTest, EmbeddedDriveAndDemoNeedNoHardware)
+{
+    ProcessResult sent = Tessitor({"--sim", "--product", "Bressa", "--yes", "send", "VR", "KP[1]"});
+    EXPECT_EQ(sent.nStatus, 0) << sent.sErr;
+    EXPECT_EQ(sent.sOut, "Bressa 1.0.4.2\n7.5\n");
+
+    ProcessResult demo = Tessitor({"demo"});
+    EXPECT_EQ(demo.nStatus, 0) << demo.sErr;
+    EXPECT_NE(demo.sOut.find("Talvina 2.1.0.0"), std::string::npos);
+    EXPECT_NE(demo.sOut.find("in target"), std::string::npos) << demo.sOut;
+}
