@@ -9,6 +9,6 @@ function(add_tessitor_test name)
         GTest::gtest GTest::gtest_main GTest::gmock tessitor_warnings)
     gtest_discover_tests(${name}
         PROPERTIES LABELS "${T_LABEL}" TIMEOUT 120
-                   ENVIRONMENT "TESSITOR_DATA=${TESSITOR_SOURCE_DATA_DIR};TESSITOR_BIN=${PROJECT_BINARY_DIR}/tessitor"
+                   ENVIRONMENT "TESSITOR_DATA=${TESSITOR_SOURCE_DATA_DIR}"
         DISCOVERY_TIMEOUT 60)
 endfunction()

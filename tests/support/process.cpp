@@ -17,7 +17,7 @@ namespace tessitor::test {
 std::string TessitorPath()
 {
     const char* path = std::getenv("TESSITOR_BIN");
-    return path ? path : "tessitor";
+    return path && *path ? path : TESSITOR_TEST_BIN;
 }
 
 ProcessResult RunProcess(const std::vector<std::string>& args, const std::vector<std::string>& env,

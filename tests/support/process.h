@@ -17,7 +17,7 @@ struct ProcessResult {
 ProcessResult RunProcess(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
                          const std::string& input = {}, int timeoutMs = 60000);
 
-/// The tessitor executable under test ($TESSITOR_BIN).
+/// The tessitor executable under test: $TESSITOR_BIN, else the one built here.
 std::string TessitorPath();
 
 } // namespace tessitor::test
