@@ -78,12 +78,19 @@ TEST_F(CliTest, SilentDriveTimesOut)
         return line == "VR\r" ? CScriptedPeer::Answer(line, "Talvina 2.1.0.0") : std::string();
     });
 
-    ProcessResult r = Run({"send", "--timeout", "100", "--serial", m_Peer.Path(), "PX", "SR"});
+    fs::path trace = m_Config.string() + ".trace";
+    ProcessResult r = RunProcess({TessitorPath(), "send", "--timeout", "100", "--serial", m_Peer.Path(), "PX", "SR"},
+                                 {"TESSITOR_CONFIG=" + m_Config.string(), "TESSITOR_TRACE=" + trace.string()});
 
     EXPECT_EQ(r.nStatus, 1);
     EXPECT_EQ(r.sErr, "Time Out Waiting for Response from Controller\n");
     EXPECT_EQ(m_Peer.Count("PX\r"), 3);
     EXPECT_EQ(m_Peer.Count("SR\r"), 0);
+    std::ifstream in(trace);
+    std::string text((std::istreambuf_iterator<char>(in)), {});
+    EXPECT_NE(text.find("return(COM_TIMEOUT)\nreturn(COM_TIMEOUT)\nreturn(COM_TIMEOUT)\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("The thread CommWatchThread has exited with code 13\n"), std::string::npos) << text;
+    fs::remove(trace);
 }
 
 TEST_F(CliTest, OverlongCommandIsRefusedBeforeTheWire)
