@@ -350,3 +350,22 @@ TEST_F(Rs232Test, PortIsExclusiveAndReopensAfterClose)
     missing.SetDevicePath("/dev/does-not-exist");
     EXPECT_EQ(missing.Connect(), ENOENT);
 }
+
+TEST(Rs232Vanished, DriveThatGoesAwayIsAWriteError)
+{
+    auto peer = std::make_unique<CScriptedPeer>();
+    CRs232 link{CCommunicationInfo{}};
+    link.SetDevicePath(peer->Path());
+    ASSERT_EQ(link.Connect(), 0);
+    peer.reset(); // the far end of the line is gone: writes fail with EIO
+
+    std::string reply;
+    try {
+        link.SendCommand("SR", reply, 200, 0);
+        FAIL() << "nothing was thrown";
+    } catch (Exc& e) {
+        EXPECT_EQ(e.m_nErrorCode, COM_WRITE_ERROR);
+        EXPECT_EQ(e.FillMessage(), "Communication Write Error");
+    }
+    link.Disconnect();
+}
