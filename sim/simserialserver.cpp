@@ -80,8 +80,9 @@ struct CSimSerialServer::Impl {
     void OnByte(char byte);
     void OnLine(const std::string& command);
     void Queue(std::string bytes, Clock::time_point notBefore = {});
-    // Writes what the pace allows; returns the time to wait before more may go (0 none).
-    int Flush(bool& wantWritable);
+    // Writes what the pace allows; returns how long to wait before more may
+    // go, in nanoseconds (-1: nothing waits for time).
+    long long Flush(bool& wantWritable);
     void CloseAll();
 };
 
@@ -161,24 +162,22 @@ void CSimSerialServer::Impl::OnLine(const std::string& command)
     }
 }
 
-int CSimSerialServer::Impl::Flush(bool& wantWritable)
+long long CSimSerialServer::Impl::Flush(bool& wantWritable)
 {
     wantWritable = false;
     while (!arOut.empty()) {
         Chunk& chunk = arOut.front();
         auto now = Clock::now();
         if (chunk.tNotBefore > now)
-            return static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(chunk.tNotBefore - now).count()) + 1;
+            return std::chrono::duration_cast<std::chrono::nanoseconds>(chunk.tNotBefore - now).count();
         std::size_t allowed = chunk.sBytes.size();
         unsigned rate = nBytesPerSecond.load();
         if (rate) {
             double elapsed = std::chrono::duration<double>(now - tCredit).count();
             tCredit = now;
             dCredit = std::min(dCredit + elapsed * rate, std::max(1.0, rate * kPaceBurst));
-            if (dCredit < 1) {
-                double wait = (1 - dCredit) / rate;
-                return std::max(1, static_cast<int>(wait * 1000 + 0.5));
-            }
+            if (dCredit < 1)
+                return static_cast<long long>((1 - dCredit) / rate * 1e9) + 1;
             allowed = std::min(allowed, static_cast<std::size_t>(dCredit));
         }
         ssize_t written = ::write(fdMaster, chunk.sBytes.data(), allowed);
@@ -208,10 +207,11 @@ void CSimSerialServer::Impl::Serve()
     char buffer[4096];
     while (!bStop.load()) {
         bool wantWritable = false;
-        int timeout = Flush(wantWritable);
+        long long wait = Flush(wantWritable);
         pollfd fds[2] = {{fdMaster, static_cast<short>(POLLIN | (wantWritable ? POLLOUT : 0)), 0},
                          {fdWake, POLLIN, 0}};
-        int ready = ::poll(fds, 2, timeout);
+        timespec timeout{static_cast<time_t>(wait / 1000000000), static_cast<long>(wait % 1000000000)};
+        int ready = ::ppoll(fds, 2, wait < 0 ? nullptr : &timeout, nullptr);
         if (ready < 0) {
             if (errno == EINTR)
                 continue;

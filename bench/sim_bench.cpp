@@ -1,0 +1,73 @@
+// The virtual drive's speed: commands a second through the client's serial
+// link against the unpaced and the paced virtual drive on a pseudo-terminal,
+// reported beside the wire limit of the paced line (what a real line of
+// that baud rate could carry at best), and the drive model on its own.
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+
+#include "communication/rs232.h"
+#include "sim/simserialserver.h"
+
+using namespace tessitor;
+
+namespace {
+
+// "SP" is answered "SP\r100000;": ten bytes from the drive per command,
+// while the three bytes of the command travel the other way at the same time.
+constexpr char kCommand[] = "SP";
+constexpr double kReplyBytes = 10;
+
+void RoundTrips(benchmark::State& state, unsigned baud)
+{
+    auto drive = std::make_shared<sim::CSimDrive>("Talvina");
+    sim::CSimSerialServer server(drive);
+    server.SetPace(baud);
+    server.Start();
+    CRs232 link{CCommunicationInfo{}};
+    link.SetDevicePath(server.SlavePath());
+    if (link.Connect() != 0) {
+        state.SkipWithError("cannot open the pseudo-terminal");
+        return;
+    }
+    std::string value;
+    auto start = std::chrono::steady_clock::now();
+    for (auto _ : state) {
+        link.SendCommandGetValue(kCommand, value, 2000);
+        benchmark::DoNotOptimize(value);
+    }
+    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    double rate = static_cast<double>(state.iterations()) / seconds;
+    state.counters["commands/s"] = rate;
+    if (baud) {
+        double wireLimit = baud / 10.0 / kReplyBytes;
+        state.counters["wire_limit/s"] = wireLimit;
+        state.counters["of_wire_limit"] = rate / wireLimit;
+    }
+    link.Disconnect();
+}
+
+} // namespace
+
+static void BM_SimUnpaced(benchmark::State& state)
+{
+    RoundTrips(state, 0);
+}
+BENCHMARK(BM_SimUnpaced)->UseRealTime()->MinTime(1.0);
+
+static void BM_SimPaced(benchmark::State& state)
+{
+    RoundTrips(state, static_cast<unsigned>(state.range(0)));
+}
+BENCHMARK(BM_SimPaced)->Arg(19200)->Arg(115200)->UseRealTime()->MinTime(2.0);
+
+// The model alone: parse, check and answer, advancing the motor in real time.
+static void BM_SimDriveExecute(benchmark::State& state)
+{
+    sim::CSimDrive drive("Talvina");
+    drive.Execute("MO=1");
+    for (auto _ : state)
+        benchmark::DoNotOptimize(drive.Execute(kCommand));
+    state.counters["commands/s"] = benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+}
+BENCHMARK(BM_SimDriveExecute)->UseRealTime();
