@@ -64,10 +64,14 @@ int CSimRecorder::Start(const SimRecorderSetup& setup)
     int type = setup.nStartMode == 3 ? setup.nTriggerType : kTrigNone;
     SimSignal triggerSignal = SimSignal::kDigitalInputs;
     if (type == kTrigRising || type == kTrigFalling || type == kTrigWindow) {
-        if (std::popcount(setup.nSource) != 1)
-            return 22;
         bool found = false;
-        if (setup.sFamily == "BreNol") {
+        if (setup.sFamily == "BreNol" && setup.nSource == 0) {
+            // These drives watch their first analog input when no source is named.
+            triggerSignal = SimSignal::kAnalog1;
+            found = true;
+        } else if (std::popcount(setup.nSource) != 1) {
+            return 22;
+        } else if (setup.sFamily == "BreNol") {
             for (const BreNolSource& source : kBreNolSources)
                 if (source.nBit == setup.nSource) {
                     triggerSignal = source.eSignal;
