@@ -4,6 +4,9 @@
 
 #include <filesystem>
 #include <fstream>
+#include <poll.h>
+#include <pty.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "tests/support/process.h"
@@ -182,4 +185,59 @@ TEST_F(CliTest, TerminalGoesOnAfterDriveErrorsAndDisconnectsOnYes)
               std::string::npos)
         << r.sErr;
     EXPECT_EQ(m_Peer.Count("PX\r"), 1) << "after Yes the terminal disconnected";
+}
+
+TEST_F(CliTest, TerminalEditsLinesAndKeepsHistoryOnATerminal)
+{
+    fs::path state = fs::temp_directory_path() / ("tessitor-state-" + std::to_string(::getpid()));
+    fs::remove_all(state);
+    // Everything the child needs is built before the fork: only execve runs there.
+    std::string bin = TessitorPath(), path = m_Peer.Path();
+    std::vector<std::string> env = {"TESSITOR_CONFIG=" + m_Config.string(), "XDG_STATE_HOME=" + state.string(),
+                                    "TERM=dumb", "HOME=" + state.string()};
+    std::vector<char*> envp, argv;
+    for (auto& e : env)
+        envp.push_back(e.data());
+    envp.push_back(nullptr);
+    std::string term = "term", serial = "--serial";
+    for (std::string* a : {&bin, &term, &serial, &path})
+        argv.push_back(a->data());
+    argv.push_back(nullptr);
+    int master = -1;
+    pid_t pid = ::forkpty(&master, nullptr, nullptr, nullptr);
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        ::execve(bin.c_str(), argv.data(), envp.data());
+        ::_exit(127);
+    }
+    auto readUntil = [master](const std::string& wanted) {
+        std::string seen;
+        char chunk[512];
+        for (int waited = 0; waited < 200 && seen.find(wanted) == std::string::npos; ++waited) {
+            pollfd p{master, POLLIN, 0};
+            if (::poll(&p, 1, 100) > 0) {
+                ssize_t n = ::read(master, chunk, sizeof chunk);
+                if (n <= 0)
+                    break;
+                seen.append(chunk, static_cast<size_t>(n));
+            }
+        }
+        return seen;
+    };
+
+    EXPECT_NE(readUntil("> ").find("> "), std::string::npos) << "a prompt on a terminal";
+    ASSERT_EQ(::write(master, "PY\x7fX\r", 5), 5) << "a typing slip, erased before Enter";
+    EXPECT_NE(readUntil("1234").find("1234"), std::string::npos);
+    ASSERT_EQ(::write(master, "quit\r", 5), 5);
+    readUntil("never");
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    ::close(master);
+
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(m_Peer.Count("PX\r"), 1);
+    std::ifstream history(state / "tessitor" / "history");
+    std::string text((std::istreambuf_iterator<char>(history)), {});
+    EXPECT_NE(text.find("PX"), std::string::npos) << "history is kept: " << text;
+    fs::remove_all(state);
 }

@@ -3,10 +3,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <editline/readline.h>
+#include <filesystem>
 #include <iostream>
 #include <unistd.h>
 
-#include "core/settings.h"
 #include "core/ui.h"
 #include "ui/cli/clicontext.h"
 
@@ -16,10 +16,19 @@ namespace {
 
 constexpr char kLinkCheckCommand[] = ":check";
 
+// History is state, not a setting: $XDG_STATE_HOME/tessitor/history.
 std::string HistoryPath()
 {
-    std::string settings = Settings::UserPath();
-    return settings.substr(0, settings.rfind('/') + 1) + "history";
+    std::string base;
+    if (const char* state = std::getenv("XDG_STATE_HOME"); state && *state)
+        base = state;
+    else if (const char* home = std::getenv("HOME"); home && *home)
+        base = std::string(home) + "/.local/state";
+    else
+        base = ".";
+    std::error_code ignored;
+    std::filesystem::create_directories(base + "/tessitor", ignored);
+    return base + "/tessitor/history";
 }
 
 class CLineSource {
