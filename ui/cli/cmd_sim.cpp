@@ -1,5 +1,6 @@
-// tessitor sim: serve a virtual drive on a pseudo-terminal until SIGINT or
-// SIGTERM. The first line of stdout is the device path a client opens.
+// tessitor sim: serve a virtual drive on a pseudo-terminal, or three behind
+// a network device on a TCP port, until SIGINT or SIGTERM. The first line
+// of stdout is the device path (or HOST:PORT) a client opens.
 #include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
@@ -118,7 +119,8 @@ void RegisterSimCommand(CLI::App& app, CCliContext& context)
     sub->add_flag("--serial", options->bSerial, "Serve the serial face on a new pseudo-terminal");
     sub->add_option("--tcp", options->sTcp,
                     "Serve a network device with the drives \"RS232 Port 1\", \"RS232 Port 2\" and\n"
-                    "\"CANopen Bus 1 NodeID 5\" on [HOST:]PORT (host 127.0.0.1 unless given; port 0: a free one)");
+                    "\"CANopen Bus 1 NodeID 5\" on [HOST:]PORT (host 127.0.0.1 unless given; port 0: a free one)")
+        ->type_name("[HOST:]PORT");
     sub->add_option("--firmware", options->sVersion,
                     "Version a.b.c.d of the product (default: its newest in versions.txt)");
     sub->add_option("--pace", options->nPace, "Make the wire as slow as BAUD (10 bits a byte); 0 = no limit")
