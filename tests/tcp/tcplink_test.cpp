@@ -92,18 +92,24 @@ TEST(TcpLink, ConnectOpensTheDriveNamedByTheTargetAndReportsThreeOrOne)
     CTCP canopen(TcpInfo("CANopen Bus 1 NodeID 5"), peer.Port());
     CTCP missing(TcpInfo("RS232 Port 9"), peer.Port());
     CTCP unreachable(TcpInfo("RS232 Port 1"), closedPort);
+    CCommunicationInfo kmas = TcpInfo("");
+    kmas.m_sCommType = "TCP_KMAS";
+    kmas.mNodeID = 5;
+    CTCP gateway(kmas, peer.Port());
 
     int found = canopen.Connect();
+    int byNode = gateway.Connect();
     int notThere = missing.Connect();
     int noDevice = unreachable.Connect();
 
     EXPECT_EQ(0, found);
     EXPECT_TRUE(canopen.IsConnected());
+    EXPECT_EQ(0, byNode); // a gateway descriptor without target text names the node
     EXPECT_EQ(1, notThere);
     EXPECT_FALSE(missing.IsConnected());
     EXPECT_EQ(3, noDevice);
     std::lock_guard lock(g_csOpened);
-    EXPECT_EQ(std::vector<std::string>{"CANopen Bus 1 NodeID 5"}, opened);
+    EXPECT_EQ((std::vector<std::string>{"CANopen Bus 1 NodeID 5", "CANopen Bus 1 NodeID 5"}), opened);
     EXPECT_EQ(1, peer.Accepted()); // both links to the device shared one connection
 }
 
