@@ -438,6 +438,8 @@ CSimTcpServer::~CSimTcpServer()
 
 void CSimTcpServer::AddDrive(const std::string& name, std::shared_ptr<CSimDrive> drive)
 {
+    if (m_pImpl->listenFd >= 0)
+        throw std::logic_error("drives are added before the virtual network device starts");
     if (name.empty() || name.size() > kNetMaxNameBytes)
         throw std::invalid_argument("a drive name has 1 to 127 characters: '" + name + "'");
     m_pImpl->drives.push_back({name, std::move(drive)});
