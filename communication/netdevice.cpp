@@ -255,7 +255,7 @@ int CNetDevice::SendRaw(const Drive& drive, const std::string& wire, char termin
     }
     if (outcome == Outcome::kReply && header.nWord3 >= 1 && header.nWord3 <= 12)
         return static_cast<int>(header.nWord3);
-    return COM_ERROR;
+    return -1;
 }
 
 int CNetDevice::Upload(const Drive& drive, std::uint32_t mask, std::uint32_t first, std::uint32_t last,

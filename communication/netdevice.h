@@ -77,7 +77,8 @@ public:
     /// Sends wire to the drive as it stands and returns a coded result: 0
     /// with the drive's bytes up to the terminator in reply (empty when the
     /// device's answer belonged to another request), 1..12 as the device
-    /// reports them, 2 when the request could not be made (LastError).
+    /// reports them, -1 when the request could not be made or the device
+    /// refused it (LastError).
     int SendRaw(const Drive& drive, const std::string& wire, char terminator, std::uint32_t timeoutMs,
                 std::string& reply);
     /// One chunk of recorded data: samples first..last of the signals in

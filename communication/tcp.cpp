@@ -191,6 +191,10 @@ int CTCP::Exchange(const std::string& command, std::string& reply, std::uint32_t
     int result = COM_OK;
     try {
         result = m_pDevice->SendRaw(m_Drive, command, m_cTerminator, timeoutMs, reply);
+        // A closed connection or a refused request has its own text, better
+        // than any coded result.
+        if (result == -1)
+            throw CExceptionComm(-1, this, kErrSrcTcpLink, CNetDevice::LastError());
     } catch (CExceptionComm& e) {
         Rethrow(e);
     }

@@ -170,6 +170,7 @@ TEST_F(TcpDevice, BrokenFramesAreReportedAndTheLinkConnectsAgain)
     std::string afterOther = Value(*link, "SP");
     auto dropped = Thrown([&] { Value(*link, "VR"); });
     auto closed = Thrown([&] { Value(*link, "SP"); });
+    auto closedRaw = Thrown([&] { link->SendCommand("SP", reply, 2000, 0); });
     link->Disconnect();
     int again = link->Connect();
     auto half = Thrown([&] { link->SendCommand("UM", reply, 100, 0); });
@@ -188,6 +189,7 @@ TEST_F(TcpDevice, BrokenFramesAreReportedAndTheLinkConnectsAgain)
               dropped.FillMessage());
     EXPECT_EQ(kErrSrcTcpLink, closed.m_nErrorSource);
     EXPECT_NE(std::string::npos, closed.FillMessage().find("is closed")) << closed.m_sMessage;
+    EXPECT_EQ(closed.FillMessage(), closedRaw.FillMessage());
     EXPECT_EQ(0, again);
     EXPECT_EQ(" The TCP/IP connection has been dropped because of a network failure or because the peer system "
               "failed to respond.",
