@@ -122,14 +122,18 @@ void RegisterSimCommand(CLI::App& app, CCliContext& context)
                     "\"CANopen Bus 1 NodeID 5\" on [HOST:]PORT (host 127.0.0.1 unless given; port 0: a free one)")
         ->type_name("[HOST:]PORT");
     sub->add_option("--firmware", options->sVersion,
-                    "Version a.b.c.d of the product (default: its newest in versions.txt)");
+                    "Version a.b.c.d of the product (default: its newest in versions.txt)")
+        ->type_name("A.B.C.D");
     sub->add_option("--pace", options->nPace, "Make the wire as slow as BAUD (10 bits a byte); 0 = no limit")
-        ->check(CLI::Range(0u, 100000000u));
+        ->check(CLI::Range(0u, 100000000u).description(""))
+        ->type_name("BAUD");
     sub->add_option("--fault", options->arFaults,
                     "Inject a fault, KIND:TARGET[:ARG][:once] (repeatable), e.g. drop:3, delay:/PX:1500")
-        ->take_all();
+        ->take_all()
+        ->type_name("SPEC");
     sub->add_option("--flash", options->sFlash,
-                    "Keep the drive's flash (what SV saves) in FILE: loaded at start, written at exit");
+                    "Keep the drive's flash (what SV saves) in FILE: loaded at start, written at exit")
+        ->type_name("FILE");
     sub->footer(
         "Prints the pseudo-terminal's path (with --tcp: HOST:PORT) as the first line of stdout,\n"
         "then serves until interrupted (SIGINT or SIGTERM). The product is chosen with --product\n"
