@@ -4,6 +4,7 @@
 #include <netdb.h>
 #include <sys/socket.h>
 
+#include "communication/netprotocol.h"
 #include "communication/serialportmap.h"
 #include "core/settings.h"
 #include "sim/simserialserver.h"
@@ -39,7 +40,10 @@ void CConnectionOptions::AddTo(CLI::App& app)
     app.add_option("--conn", m_sConnLine, "Connection in its one-line form (see 'tessitor conn encode')")
         ->group(group);
     app.add_flag("--last", m_bLast, "The last connection that succeeded")->group(group);
-    app.add_option("--tcp", m_sTcp, "Network device HOST[:PORT] that serves the drive")->group(group);
+    app.add_option("--tcp", m_sTcp,
+                   "Network device HOST[:PORT] that serves the drive (port: settings [TCP] Port, else "
+                       + std::to_string(kDefaultTcpPort) + ")")
+        ->group(group);
     app.add_option("--target", m_sTarget, "Drive behind the network device: \"RS232 Port N\" or \"CANopen Bus B NodeID N\"")
         ->group(group);
     app.add_flag("--sim", m_bSim, "A virtual drive in this process, on a pseudo-terminal")->group(group);
@@ -144,6 +148,9 @@ std::unique_ptr<CCommunication> CConnectionOptions::Connect()
         Settings settings = Settings::User();
         if (!options.sSerialPath.empty())
             SerialPortNumberFor(options.sSerialPath, settings);
+        // The one-line form has no TCP port: keep the one given so --last finds it.
+        if (options.wTcpPort != 0)
+            settings.Set("TCP", "Port", std::to_string(options.wTcpPort));
         settings.Set(kSettingsSection, kSettingsKey, info.ToLine());
         if (!settings.Save())
             std::fprintf(stderr, "tessitor: cannot write %s: %s\n", settings.Path().c_str(), std::strerror(errno));

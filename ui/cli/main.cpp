@@ -13,7 +13,12 @@ using namespace tessitor::cli;
 int main(int argc, char** argv)
 {
     CLI::App app{"tessitor - set up, tune and diagnose Ortiva servo drives", "tessitor"};
-    app.footer("Exit status: 0 done; 1 the drive or the link failed (the error's message on stderr);\n"
+    app.footer("Examples:\n"
+               "  tessitor --sim send VR \"KP[1]\"            a virtual drive, no hardware needed\n"
+               "  tessitor send --serial /dev/ttyUSB0 MO=1 PX\n"
+               "  tessitor info --tcp 192.168.0.20 --target \"RS232 Port 1\"\n"
+               "  tessitor term --last\n\n"
+               "Exit status: 0 done; 1 the drive or the link failed (the error's message on stderr);\n"
                "2 wrong usage.\n"
                "Environment: TESSITOR_TRACE=1 traces to stderr, TESSITOR_TRACE=FILE to a file;\n"
                "settings in $XDG_CONFIG_HOME/tessitor/tessitor.ini (TESSITOR_CONFIG overrides).");
