@@ -280,15 +280,17 @@ TEST_F(Rs232Test, IdentificationAndTheBreNolWarning)
     ::setenv("TESSITOR_CONFIG", config.c_str(), 1);
     CCountingUi ui;
     Ui::Install(&ui);
-    std::string version = "Talvina 2.1.0.0";
-    m_Peer.SetHandler([&](const std::string& line) { return CScriptedPeer::Answer(line, version); });
+    auto answerVersion = [this](std::string version) {
+        m_Peer.SetHandler([version](const std::string& line) { return CScriptedPeer::Answer(line, version); });
+    };
+    answerVersion("Talvina 2.1.0.0");
 
     m_pLink->Identify();
     EXPECT_EQ(m_pLink->GetVersionText(), "Talvina 2.1.0.0");
     EXPECT_EQ(m_pLink->GetProcessorType(), "DSP");
     EXPECT_TRUE(ui.m_arShown.empty());
 
-    version = "Bressa 1.4.0.0";
+    answerVersion("Bressa 1.4.0.0");
     m_pLink->Identify();
     EXPECT_EQ(m_pLink->GetProcessorType(), "BreNol");
     ASSERT_EQ(ui.m_arShown.size(), 1u);
@@ -300,7 +302,7 @@ TEST_F(Rs232Test, IdentificationAndTheBreNolWarning)
     m_pLink->Identify();
     EXPECT_EQ(ui.m_arShown.size(), 1u) << "the setting turns the warning off";
 
-    version = "Vosk 3.0.1.2";
+    answerVersion("Vosk 3.0.1.2");
     m_pLink->Identify();
     EXPECT_EQ(m_pLink->GetProcessorType(), "STP");
 
