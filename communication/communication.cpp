@@ -98,27 +98,19 @@ int CCommunication::SendCommand(const std::string& command, std::string& reply, 
     if (command.size() + 2 > kMaxCommandBytes)
         throw CExceptionComm(-1, this, kErrSrcLink, "Output buffer is too long!");
 
-    if (command == "SG" || command == "SV")
-        timeoutMs = kLongCommandTimeoutMs;
-    else if (StartsWith(command, "BH") || StartsWith(command, "bh"))
-        timeoutMs = kUploadTimeoutMs;
+    timeoutMs = EffectiveTimeout(command, timeoutMs);
 
     // Families other than DSP and STP end listings (and download lines) with
     // 0x08 instead of ";".
     bool listingFamily = m_sProcessorType != "DSP" && m_sProcessorType != "STP";
     bool switchTerminator = listingFamily && (command == "LS" || command == "CC");
-
-    if (command == "MO=1" || command == "XQ")
-        m_nStateChanged = 1;
+    NoteStateChange(command);
 
     std::string wire = command;
-    if (IsDownloadLine(command)) {
+    if (IsDownloadLine(command))
         switchTerminator = listingFamily;
-        timeoutMs = kUploadTimeoutMs;
-        m_nStateChanged = 1;
-    } else {
+    else
         wire += '\r';
-    }
 
     if (switchTerminator)
         ToggleTerminator();
@@ -133,6 +125,21 @@ int CCommunication::SendCommand(const std::string& command, std::string& reply, 
     }
     m_nTimeoutLatch = 0;
     return 0;
+}
+
+std::uint32_t CCommunication::EffectiveTimeout(const std::string& command, std::uint32_t timeoutMs)
+{
+    if (command == "SG" || command == "SV")
+        return kLongCommandTimeoutMs;
+    if (StartsWith(command, "BH") || StartsWith(command, "bh") || IsDownloadLine(command))
+        return kUploadTimeoutMs;
+    return timeoutMs;
+}
+
+void CCommunication::NoteStateChange(const std::string& command)
+{
+    if (command == "MO=1" || command == "XQ" || IsDownloadLine(command))
+        m_nStateChanged = 1;
 }
 
 int CCommunication::CheckDriveError(const std::string& command, const std::string& reply, std::string& message) const

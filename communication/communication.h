@@ -156,6 +156,12 @@ protected:
     /// Switches the reply terminator between ";" and 0x08.
     virtual void ToggleTerminator() {}
 
+    /// The time-out a command gets: 50 s for "SG"/"SV", 5 s for "BH"/"bh"
+    /// and "DL" lines, else timeoutMs.
+    static std::uint32_t EffectiveTimeout(const std::string& command, std::uint32_t timeoutMs);
+    /// Sets the state-changed flag for "MO=1", "XQ" and "DL" lines.
+    void NoteStateChange(const std::string& command);
+
     void SetConnected(bool connected) { m_nConnected = connected ? 1 : 0; }
     void SetLinkBroken(bool broken) { m_nLinkBroken = broken ? 1 : 0; }
 

@@ -10,14 +10,7 @@ namespace {
 
 constexpr char kSettingsSection[] = "TCP";
 constexpr char kSettingsPortKey[] = "Port";
-constexpr std::uint32_t kLongCommandTimeoutMs = 50000; // "SG", "SV": the drive writes its flash
-constexpr std::uint32_t kUploadTimeoutMs = 5000;       // "BH" uploads
 constexpr char kListingTerminator = 0x08;
-
-bool StartsWith(const std::string& text, const char* prefix)
-{
-    return text.rfind(prefix, 0) == 0;
-}
 
 } // namespace
 
@@ -146,10 +139,8 @@ int CTCP::SendCommandGetValue(const std::string& command, std::string& value, st
         throw CExceptionComm(3, this, kErrSrcSetup);
     if (command.size() + 2 > kMaxCommandBytes)
         throw CExceptionComm(-1, this, kErrSrcLink, "Output buffer is too long!");
-    if (command == "SG" || command == "SV")
-        timeoutMs = kLongCommandTimeoutMs;
-    else if (StartsWith(command, "BH") || StartsWith(command, "bh"))
-        timeoutMs = kUploadTimeoutMs;
+    timeoutMs = EffectiveTimeout(command, timeoutMs);
+    NoteStateChange(command);
 
     std::string result;
     try {
