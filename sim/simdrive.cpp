@@ -28,11 +28,13 @@ enum DriveError {
     kErrReadOnly = 7,
     kErrMotorMustBeOn = 9,
     kErrTooLong = 10,
+    kErrRecorderBusy = 17,
     kErrBadLength = 18,
     kErrBadGap = 19,
     kErrBadMask = 20,
     kErrSlotNotMapped = 21,
-    kErrRecorderBusy = 17,
+    kErrFlashEmpty = 26,
+    kErrBadNumber = 30,
     kErrNotInteger = 31,
     kErrCannotQuery = 32,
     kErrCannotAssign = 33,
@@ -460,7 +462,7 @@ int CSimDrive::Impl::Builtin(const SimCommand& command, std::string& value)
             return kErrMotorMustBeOff;
         std::vector<std::uint8_t> image;
         if (!HexBytes(command.sValue, image))
-            return 30;
+            return kErrBadNumber;
         if (int error = DecodeImage(*pList, image, arValues))
             return error;
         ApplyMotorParams();
@@ -498,7 +500,7 @@ int CSimDrive::Impl::Builtin(const SimCommand& command, std::string& value)
         if (motor.MotorOn())
             return kErrMotorMustBeOff;
         if (arFlash.empty())
-            return 26;
+            return kErrFlashEmpty;
         if (int error = DecodeImage(*pList, arFlash, arValues))
             return error;
         ApplyMotorParams();
