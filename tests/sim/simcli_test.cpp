@@ -12,6 +12,7 @@
 #include <chrono>
 #include <filesystem>
 
+#include "tests/support/backgroundprocess.h"
 #include "tests/support/process.h"
 
 using namespace tessitor::test;
@@ -21,62 +22,12 @@ extern char** environ;
 
 namespace {
 
-// `tessitor sim ...` running in the background.
-class CSimProcess {
-public:
-    explicit CSimProcess(const std::vector<std::string>& arguments)
-    {
-        std::vector<std::string> args = {TessitorPath(), "sim"};
-        args.insert(args.end(), arguments.begin(), arguments.end());
-        std::vector<char*> argv;
-        for (auto& a : args)
-            argv.push_back(a.data());
-        argv.push_back(nullptr);
-        int out[2];
-        if (::pipe2(out, O_CLOEXEC) != 0)
-            return;
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-        if (::posix_spawn(&m_pid, argv[0], &actions, nullptr, argv.data(), environ) != 0)
-            m_pid = -1;
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(out[1]);
-        m_fdOut = out[0];
-    }
-    ~CSimProcess()
-    {
-        if (m_pid > 0) {
-            ::kill(m_pid, SIGKILL);
-            ::waitpid(m_pid, nullptr, 0);
-        }
-        if (m_fdOut >= 0)
-            ::close(m_fdOut);
-    }
-    /// The first line of stdout (the device path), "" if none came.
-    std::string FirstLine()
-    {
-        std::string line;
-        char c;
-        pollfd p{m_fdOut, POLLIN, 0};
-        while (::poll(&p, 1, 20000) > 0 && ::read(m_fdOut, &c, 1) == 1 && c != '\n')
-            line += c;
-        return line;
-    }
-    /// Sends signal and returns the exit status (-1 if it did not exit normally).
-    int Stop(int signal = SIGINT)
-    {
-        ::kill(m_pid, signal);
-        int status = 0;
-        ::waitpid(m_pid, &status, 0);
-        m_pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-private:
-    pid_t m_pid = -1;
-    int m_fdOut = -1;
-};
+// `tessitor sim ARGS...` running in the background.
+CBackgroundProcess SimProcess(std::vector<std::string> args)
+{
+    args.insert(args.begin(), {TessitorPath(), "sim"});
+    return CBackgroundProcess(args);
+}
 
 ProcessResult Tessitor(std::vector<std::string> args)
 {
@@ -89,7 +40,7 @@ ProcessResult Tessitor(std::vector<std::string> args)
 
 TEST(SimCliTest, ServesUntilInterrupted)
 {
-    CSimProcess sim({"--serial", "--product", "Vosk"});
+    CBackgroundProcess sim = SimProcess({"--serial", "--product", "Vosk"});
     std::string path = sim.FirstLine();
     ASSERT_EQ(path.rfind("/dev/pts/", 0), 0u) << path;
 
@@ -104,7 +55,7 @@ TEST(SimCliTest, ServesUntilInterrupted)
 
 TEST(SimCliTest, FaultsFromTheCommandLineReachTheClient)
 {
-    CSimProcess sim({"--serial", "--fault", "error:/MO:1", "--fault", "drop:/SR"});
+    CBackgroundProcess sim = SimProcess({"--serial", "--fault", "error:/MO:1", "--fault", "drop:/SR"});
     std::string path = sim.FirstLine();
 
     ProcessResult refused = Tessitor({"send", "--serial", path, "MO=1"});
@@ -124,13 +75,13 @@ TEST(SimCliTest, FlashFileKeepsSavedParametersBetweenRuns)
     fs::path flash = fs::temp_directory_path() / ("tessitor-sim-flash-" + std::to_string(::getpid()) + ".bin");
     fs::remove(flash);
     {
-        CSimProcess sim({"--serial", "--flash", flash.string()});
+        CBackgroundProcess sim = SimProcess({"--serial", "--flash", flash.string()});
         std::string path = sim.FirstLine();
         EXPECT_EQ(Tessitor({"send", "--serial", path, "KP[3]=55", "SV"}).nStatus, 0);
         EXPECT_EQ(sim.Stop(), 0);
     }
     {
-        CSimProcess sim({"--serial", "--flash", flash.string()});
+        CBackgroundProcess sim = SimProcess({"--serial", "--flash", flash.string()});
         std::string path = sim.FirstLine();
         EXPECT_EQ(Tessitor({"send", "--serial", path, "KP[3]"}).sOut, "55\n");
         EXPECT_EQ(sim.Stop(), 0);

@@ -20,6 +20,7 @@
 #include "communication/tcp.h"
 #include "core/settings.h"
 #include "sim/simtcpserver.h"
+#include "tests/support/backgroundprocess.h"
 #include "tests/support/process.h"
 
 extern char** environ;
@@ -278,64 +279,13 @@ TEST_F(TcpDevice, RecordedDataChunkMatchesTheDrivesOwnAnswer)
     EXPECT_EQ(direct, data);
 }
 
-// `tessitor sim --tcp` as its own process.
-class CSimProcess {
-public:
-    explicit CSimProcess(const std::vector<std::string>& args)
-    {
-        int out[2];
-        if (::pipe2(out, O_CLOEXEC) != 0)
-            return;
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-        std::vector<std::string> all = {test::TessitorPath()};
-        all.insert(all.end(), args.begin(), args.end());
-        std::vector<char*> argv;
-        for (auto& a : all)
-            argv.push_back(a.data());
-        argv.push_back(nullptr);
-        if (::posix_spawn(&m_nPid, argv[0], &actions, nullptr, argv.data(), environ) != 0)
-            m_nPid = -1;
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(out[1]);
-        m_hOut = out[0];
-    }
-    ~CSimProcess()
-    {
-        if (m_nPid > 0) {
-            ::kill(m_nPid, SIGTERM);
-            int status = 0;
-            ::waitpid(m_nPid, &status, 0);
-        }
-        if (m_hOut >= 0)
-            ::close(m_hOut);
-    }
-    /// The first line of stdout, or "" after 20 s.
-    std::string FirstLine()
-    {
-        std::string line;
-        char c = 0;
-        while (line.size() < 200) {
-            pollfd p{m_hOut, POLLIN, 0};
-            if (::poll(&p, 1, 20000) <= 0 || ::read(m_hOut, &c, 1) != 1 || c == '\n')
-                break;
-            line += c;
-        }
-        return line;
-    }
-
-private:
-    pid_t m_nPid = -1;
-    int m_hOut = -1;
-};
 
 TEST(TcpCommand, TessitorReachesDrivesOfTessitorSimOverTcp)
 {
     namespace fs = std::filesystem;
     fs::path config = fs::temp_directory_path() / ("tessitor-tcp-" + std::to_string(::getpid()) + ".ini");
     fs::remove(config);
-    CSimProcess device({"sim", "--tcp", "0"});
+    test::CBackgroundProcess device({test::TessitorPath(), "sim", "--tcp", "0"});
     std::string where = device.FirstLine();
     ASSERT_EQ(0u, where.rfind("127.0.0.1:", 0)) << where;
     std::string port = where.substr(where.find(':') + 1);
