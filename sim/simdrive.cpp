@@ -95,21 +95,21 @@ std::string Upper(const std::string& text)
     return upper;
 }
 
-double Quantise(const SimParamSpec& spec, double value)
+double Quantise(const SimParamDef& param, double value)
 {
-    if (spec.nType == 16)
+    if (param.nType == 16)
         return value;
-    if (spec.IsFloat())
+    if (param.IsFloat())
         return static_cast<float>(value);
     return std::trunc(value);
 }
 
-std::string FormatValue(const SimParamSpec& spec, double value)
+std::string FormatValue(const SimParamDef& param, double value)
 {
     char buffer[64];
-    if (spec.nType == 16)
+    if (param.nType == 16)
         std::snprintf(buffer, sizeof buffer, "%.15g", value);
-    else if (spec.IsFloat())
+    else if (param.IsFloat())
         std::snprintf(buffer, sizeof buffer, "%.7g", static_cast<double>(static_cast<float>(value)));
     else
         std::snprintf(buffer, sizeof buffer, "%lld", static_cast<long long>(std::llround(value)));
@@ -157,8 +157,8 @@ struct CSimDrive::Impl {
     int Assign(const SimCommand& command);
     int Builtin(const SimCommand& command, std::string& value);
     int CheckProgramCommand(const std::string& line) const;
-    int CheckAssignment(const SimParamSpec& spec, const std::string& text, double& value) const;
-    bool LiveValue(const SimParamSpec& spec, double& value) const;
+    int CheckAssignment(const SimParamDef& param, const std::string& text, double& value) const;
+    bool LiveValue(const SimParamDef& param, double& value) const;
     unsigned StatusWord() const;
     char Terminator(const std::string& command) const;
 
@@ -181,9 +181,9 @@ CSimDrive::Impl::Impl(const std::string& product, const std::string& version)
         throw std::invalid_argument(version.empty() ? "the version database has no version of " + product
                                                     : "the version database has no version " + sVersion);
     for (std::size_t i = 0; i < pList->arParams.size(); ++i) {
-        const SimParamSpec& spec = pList->arParams[i];
-        arValues.push_back(spec.dDefault);
-        mapElements[spec.sMnemonic].push_back(i);
+        const SimParamDef& param = pList->arParams[i];
+        arValues.push_back(param.dDefault);
+        mapElements[param.sMnemonic].push_back(i);
     }
     arFlash = EncodeImage(*pList, arValues);
     ApplyMotorParams();
@@ -196,8 +196,8 @@ int CSimDrive::Impl::FindElement(const SimCommand& command, std::size_t& element
     if (it == mapElements.end())
         return pDb->KnowsMnemonic(command.sMnemonic) ? kErrNotSupported : kErrBadCommand;
     for (std::size_t i : it->second) {
-        const SimParamSpec& spec = pList->arParams[i];
-        if (spec.bIndexed == command.bIndexed && (!spec.bIndexed || spec.nIndex == command.nIndex)) {
+        const SimParamDef& param = pList->arParams[i];
+        if (param.bIndexed == command.bIndexed && (!param.bIndexed || param.nIndex == command.nIndex)) {
             element = i;
             return 0;
         }
@@ -301,28 +301,28 @@ int CSimDrive::Impl::RunCommand(const std::string& line, std::string& value)
     return command.bAssign ? Assign(command) : Query(command, value);
 }
 
-bool CSimDrive::Impl::LiveValue(const SimParamSpec& spec, double& value) const
+bool CSimDrive::Impl::LiveValue(const SimParamDef& param, double& value) const
 {
-    const std::string& m = spec.sMnemonic;
+    const std::string& m = param.sMnemonic;
     if (m == "PX") value = std::round(motor.Position());
     else if (m == "VX") value = motor.Velocity();
     else if (m == "PE") value = std::round(motor.PositionError());
     else if (m == "IQ") value = motor.ActiveCurrent();
     else if (m == "ID") value = 0;
     else if (m == "DV") {
-        value = spec.nIndex == 1 ? motor.CurrentCommand()
-              : spec.nIndex == 2 ? motor.VelocityCommand()
-                                 : std::round(motor.PositionCommand());
+        value = param.nIndex == 1 ? motor.CurrentCommand()
+              : param.nIndex == 2 ? motor.VelocityCommand()
+                                  : std::round(motor.PositionCommand());
     }
     else if (m == "VB") value = motor.BusVoltage();
     else if (m == "MF") value = motor.Fault();
     else if (m == "MO") value = motor.MotorOn() ? 1 : 0;
     else if (m == "TM") value = static_cast<double>((nSteps / 10) % 4294967296ull);
     else if (m == "RR") value = recorder.State();
-    else if (m == "RP" && spec.nIndex == 10) value = recorder.TriggerIndex();
-    else if (m == "RP" && spec.nIndex == 11) value = recorder.SamplesRecorded();
-    else if (m == "RP" && spec.nIndex == 12) value = Value("RG") * kServoPeriod * 1e6;
-    else if (m == "RP" && spec.nIndex == 13) value = recorder.Completed();
+    else if (m == "RP" && param.nIndex == 10) value = recorder.TriggerIndex();
+    else if (m == "RP" && param.nIndex == 11) value = recorder.SamplesRecorded();
+    else if (m == "RP" && param.nIndex == 12) value = Value("RG") * kServoPeriod * 1e6;
+    else if (m == "RP" && param.nIndex == 13) value = recorder.Completed();
     else return false;
     return true;
 }
@@ -332,30 +332,30 @@ int CSimDrive::Impl::Query(const SimCommand& command, std::string& value)
     std::size_t element = 0;
     if (int error = FindElement(command, element))
         return error;
-    const SimParamSpec& spec = pList->arParams[element];
-    if (!spec.bRead)
+    const SimParamDef& param = pList->arParams[element];
+    if (!param.bRead)
         return kErrCannotQuery;
     double v = arValues[element];
-    LiveValue(spec, v);
-    value = FormatValue(spec, v);
+    LiveValue(param, v);
+    value = FormatValue(param, v);
     return 0;
 }
 
-int CSimDrive::Impl::CheckAssignment(const SimParamSpec& spec, const std::string& text, double& value) const
+int CSimDrive::Impl::CheckAssignment(const SimParamDef& param, const std::string& text, double& value) const
 {
-    if (!spec.bWrite)
-        return spec.bRead ? kErrReadOnly : kErrCannotAssign;
+    if (!param.bWrite)
+        return param.bRead ? kErrReadOnly : kErrCannotAssign;
     bool integer = false;
     if (int error = ParseSimNumber(text, value, integer))
         return error;
-    if (!spec.IsFloat() && value != std::trunc(value))
+    if (!param.IsFloat() && value != std::trunc(value))
         return kErrNotInteger;
-    if (value < spec.dMin || value > spec.dMax) {
-        if (spec.sMnemonic == "RL")
+    if (value < param.dMin || value > param.dMax) {
+        if (param.sMnemonic == "RL")
             return kErrBadLength;
-        if (spec.sMnemonic == "RG")
+        if (param.sMnemonic == "RG")
             return kErrBadGap;
-        if (spec.sMnemonic == "RC")
+        if (param.sMnemonic == "RC")
             return kErrBadMask;
         return kErrOutOfRange;
     }
@@ -367,17 +367,17 @@ int CSimDrive::Impl::Assign(const SimCommand& command)
     std::size_t element = 0;
     if (int error = FindElement(command, element))
         return error;
-    const SimParamSpec& spec = pList->arParams[element];
+    const SimParamDef& param = pList->arParams[element];
     double value = 0;
-    if (int error = CheckAssignment(spec, command.sValue, value))
+    if (int error = CheckAssignment(param, command.sValue, value))
         return error;
-    value = Quantise(spec, value);
-    if (spec.bMotorOff && motor.MotorOn())
+    value = Quantise(param, value);
+    if (param.bMotorOff && motor.MotorOn())
         return kErrMotorMustBeOff;
 
-    const std::string& m = spec.sMnemonic;
+    const std::string& m = param.sMnemonic;
     bool recorderSetting = m == "RC" || m == "RG" || m == "RL" || m == "RV"
-                           || (m == "RP" && spec.nIndex != 8 && spec.nIndex != 9);
+                           || (m == "RP" && param.nIndex != 8 && param.nIndex != 9);
     if (recorderSetting && recorder.Busy())
         return kErrRecorderBusy;
     if (m == "RV" && value != -1 && !FindSignal(sFamily, static_cast<int>(value)))
@@ -430,7 +430,7 @@ int CSimDrive::Impl::Assign(const SimCommand& command)
         eNextMotion = Motion::kAbsolute;
     } else if (m == "PR") {
         eNextMotion = Motion::kRelative;
-    } else if (spec.bSaved) {
+    } else if (param.bSaved) {
         ApplyMotorParams();
     }
     return 0;
@@ -532,11 +532,11 @@ int CSimDrive::Impl::CheckProgramCommand(const std::string& line) const
     std::size_t element = 0;
     if (int error = FindElement(command, element))
         return error;
-    const SimParamSpec& spec = pList->arParams[element];
+    const SimParamDef& param = pList->arParams[element];
     if (!command.bAssign)
-        return spec.bRead ? 0 : kErrCannotQuery;
+        return param.bRead ? 0 : kErrCannotQuery;
     double value = 0;
-    return CheckAssignment(spec, command.sValue, value);
+    return CheckAssignment(param, command.sValue, value);
 }
 
 unsigned CSimDrive::Impl::StatusWord() const

@@ -36,13 +36,13 @@ void SwapWords(std::uint8_t* element, int size)
     }
 }
 
-std::uint64_t RawOf(const SimParamSpec& spec, double value)
+std::uint64_t RawOf(const SimParamDef& param, double value)
 {
-    switch (spec.ImageSize()) {
+    switch (param.ImageSize()) {
     case 1: return static_cast<std::uint8_t>(static_cast<int>(value));
     case 2: return static_cast<std::uint16_t>(static_cast<std::int32_t>(value));
     case 4:
-        if (spec.IsFloat()) {
+        if (param.IsFloat()) {
             float f = static_cast<float>(value);
             std::uint32_t bits;
             std::memcpy(&bits, &f, sizeof bits);
@@ -57,9 +57,9 @@ std::uint64_t RawOf(const SimParamSpec& spec, double value)
     }
 }
 
-double ValueOf(const SimParamSpec& spec, std::uint64_t raw)
+double ValueOf(const SimParamDef& param, std::uint64_t raw)
 {
-    switch (spec.nType) {
+    switch (param.nType) {
     case 0: return static_cast<std::int16_t>(raw);
     case 1: return static_cast<std::uint16_t>(raw);
     case 8: return static_cast<std::uint8_t>(raw);
@@ -69,13 +69,13 @@ double ValueOf(const SimParamSpec& spec, std::uint64_t raw)
         return d;
     }
     default:
-        if (spec.IsFloat()) {
+        if (param.IsFloat()) {
             auto bits = static_cast<std::uint32_t>(raw);
             float f;
             std::memcpy(&f, &bits, sizeof f);
             return f;
         }
-        return spec.nType == 3 ? static_cast<double>(static_cast<std::uint32_t>(raw))
+        return param.nType == 3 ? static_cast<double>(static_cast<std::uint32_t>(raw))
                                : static_cast<double>(static_cast<std::int32_t>(raw));
     }
 }
@@ -85,9 +85,9 @@ double ValueOf(const SimParamSpec& spec, std::uint64_t raw)
 std::size_t ImageSize(const SimParamList& list)
 {
     std::size_t size = 0;
-    for (const SimParamSpec& spec : list.arParams)
-        if (spec.bSaved)
-            size += static_cast<std::size_t>(spec.ImageSize());
+    for (const SimParamDef& param : list.arParams)
+        if (param.bSaved)
+            size += static_cast<std::size_t>(param.ImageSize());
     return size;
 }
 
@@ -96,11 +96,11 @@ std::vector<std::uint8_t> EncodeImage(const SimParamList& list, const std::vecto
     std::vector<std::uint8_t> image;
     image.reserve(ImageSize(list));
     for (std::size_t i = 0; i < list.arParams.size(); ++i) {
-        const SimParamSpec& spec = list.arParams[i];
-        if (!spec.bSaved)
+        const SimParamDef& param = list.arParams[i];
+        if (!param.bSaved)
             continue;
-        int size = spec.ImageSize();
-        PutLittle(image, RawOf(spec, values[i]), size);
+        int size = param.ImageSize();
+        PutLittle(image, RawOf(param, values[i]), size);
         if (list.bWordSwap)
             SwapWords(image.data() + image.size() - size, size);
     }
@@ -114,16 +114,16 @@ int DecodeImage(const SimParamList& list, const std::vector<std::uint8_t>& image
     std::vector<double> decoded = values;
     std::size_t offset = 0;
     for (std::size_t i = 0; i < list.arParams.size(); ++i) {
-        const SimParamSpec& spec = list.arParams[i];
-        if (!spec.bSaved)
+        const SimParamDef& param = list.arParams[i];
+        if (!param.bSaved)
             continue;
-        int size = spec.ImageSize();
+        int size = param.ImageSize();
         std::uint8_t element[8];
         std::memcpy(element, image.data() + offset, static_cast<std::size_t>(size));
         if (list.bWordSwap)
             SwapWords(element, size);
-        double value = ValueOf(spec, GetLittle(element, size));
-        if (!std::isfinite(value) || value < spec.dMin || value > spec.dMax)
+        double value = ValueOf(param, GetLittle(element, size));
+        if (!std::isfinite(value) || value < param.dMin || value > param.dMax)
             return 4;
         decoded[i] = value;
         offset += static_cast<std::size_t>(size);

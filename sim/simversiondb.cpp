@@ -76,7 +76,7 @@ bool OlderVersion(const std::string& a, const std::string& b)
 
 } // namespace
 
-bool SimParamSpec::IsFloat() const
+bool SimParamDef::IsFloat() const
 {
     switch (nType) {
     case 2: case 3: return nFormat == 2;
@@ -86,7 +86,7 @@ bool SimParamSpec::IsFloat() const
     }
 }
 
-int SimParamSpec::ImageSize() const
+int SimParamDef::ImageSize() const
 {
     switch (nType) {
     case 0: case 1: return 2;
@@ -156,58 +156,58 @@ CSimVersionDb CSimVersionDb::Load(const std::string& path)
             std::string index, type, format, lo, hi, def, access;
             if (!(fields >> index >> type >> format >> lo >> hi >> def >> access))
                 Malformed(path, lineNo, "a parameter row needs 8 fields");
-            SimParamSpec spec;
-            spec.sMnemonic = word;
-            std::getline(fields >> std::ws, spec.sDescription);
-            if (!ParseInt(type, spec.nType) || !ParseInt(format, spec.nFormat)
-                || (spec.nFormat != 1 && spec.nFormat != 2))
+            SimParamDef param;
+            param.sMnemonic = word;
+            std::getline(fields >> std::ws, param.sDescription);
+            if (!ParseInt(type, param.nType) || !ParseInt(format, param.nFormat)
+                || (param.nFormat != 1 && param.nFormat != 2))
                 Malformed(path, lineNo, "bad type or number format");
             double typeLo = 0, typeHi = 0;
-            if (!TypeRange(spec.nType, spec.nFormat, typeLo, typeHi))
+            if (!TypeRange(param.nType, param.nFormat, typeLo, typeHi))
                 Malformed(path, lineNo, "unknown type code " + type);
-            if (!ParseNumber(lo, spec.dMin) || !ParseNumber(hi, spec.dMax) || !ParseNumber(def, spec.dDefault))
+            if (!ParseNumber(lo, param.dMin) || !ParseNumber(hi, param.dMax) || !ParseNumber(def, param.dDefault))
                 Malformed(path, lineNo, "bad limit or default");
             for (char c : access) {
                 switch (c) {
-                case 'r': spec.bRead = true; break;
-                case 'w': spec.bWrite = true; break;
-                case 'o': spec.bMotorOff = true; break;
-                case 's': spec.bSaved = true; break;
+                case 'r': param.bRead = true; break;
+                case 'w': param.bWrite = true; break;
+                case 'o': param.bMotorOff = true; break;
+                case 's': param.bSaved = true; break;
                 default: Malformed(path, lineNo, std::string("unknown access letter ") + c);
                 }
             }
-            bool runtimeOnly = spec.bRead && !spec.bWrite && !spec.bSaved;
+            bool runtimeOnly = param.bRead && !param.bWrite && !param.bSaved;
             if (!runtimeOnly) {
-                if (spec.dMin > spec.dMax || spec.dDefault < spec.dMin || spec.dDefault > spec.dMax)
+                if (param.dMin > param.dMax || param.dDefault < param.dMin || param.dDefault > param.dMax)
                     Malformed(path, lineNo, "the default is outside MIN..MAX");
-                if (spec.dMin < typeLo || spec.dMax > typeHi)
+                if (param.dMin < typeLo || param.dMax > typeHi)
                     Malformed(path, lineNo, "MIN..MAX does not fit the type");
-                if (!spec.IsFloat() && (spec.dMin != static_cast<long long>(spec.dMin)
-                                        || spec.dMax != static_cast<long long>(spec.dMax)
-                                        || spec.dDefault != static_cast<long long>(spec.dDefault)))
+                if (!param.IsFloat() && (param.dMin != static_cast<long long>(param.dMin)
+                                         || param.dMax != static_cast<long long>(param.dMax)
+                                         || param.dDefault != static_cast<long long>(param.dDefault)))
                     Malformed(path, lineNo, "an integer parameter has a fractional limit or default");
             }
             int first = 0, last = 0;
             if (index == "-") {
-                spec.bIndexed = false;
+                param.bIndexed = false;
             } else if (auto dots = index.find(".."); dots != std::string::npos) {
                 if (!ParseInt(index.substr(0, dots), first) || !ParseInt(index.substr(dots + 2), last)
                     || first < 0 || last < first)
                     Malformed(path, lineNo, "bad index range " + index);
-                spec.bIndexed = true;
+                param.bIndexed = true;
             } else {
                 if (!ParseInt(index, first) || first < 0)
                     Malformed(path, lineNo, "bad index " + index);
                 last = first;
-                spec.bIndexed = true;
+                param.bIndexed = true;
             }
             for (int i = first; i <= last; ++i) {
-                for (const SimParamSpec& other : list->arParams)
-                    if (other.sMnemonic == spec.sMnemonic
-                        && (other.bIndexed != spec.bIndexed || other.nIndex == i))
+                for (const SimParamDef& other : list->arParams)
+                    if (other.sMnemonic == param.sMnemonic
+                        && (other.bIndexed != param.bIndexed || other.nIndex == i))
                         Malformed(path, lineNo, "parameter " + word + " listed twice");
-                SimParamSpec element = spec;
-                element.nIndex = spec.bIndexed ? i : 0;
+                SimParamDef element = param;
+                element.nIndex = param.bIndexed ? i : 0;
                 list->arParams.push_back(element);
             }
         }
@@ -255,8 +255,8 @@ std::string CSimVersionDb::NewestVersion(const std::string& product) const
 bool CSimVersionDb::KnowsMnemonic(const std::string& mnemonic) const
 {
     for (const SimParamList& list : m_arLists)
-        for (const SimParamSpec& spec : list.arParams)
-            if (spec.sMnemonic == mnemonic)
+        for (const SimParamDef& param : list.arParams)
+            if (param.sMnemonic == mnemonic)
                 return true;
     return false;
 }

@@ -11,7 +11,7 @@
 namespace tessitor::sim {
 
 /// One element of a parameter list: one mnemonic at one index.
-struct SimParamSpec {
+struct SimParamDef {
     std::string sMnemonic;     ///< two upper-case letters
     bool bIndexed = false;     ///< written "XX[n]"; false: plain "XX"
     int nIndex = 0;            ///< the index when bIndexed
@@ -37,7 +37,7 @@ struct SimParamList {
     std::string sName;
     std::vector<std::string> arVersions; ///< "<product> a.b.c.d"
     bool bWordSwap = false;
-    std::vector<SimParamSpec> arParams;  ///< in image order
+    std::vector<SimParamDef> arParams;  ///< in image order
 };
 
 class CSimVersionDb {

@@ -130,7 +130,7 @@ void RegisterSimCommand(CLI::App& app, CCliContext& context)
     sub->add_option("--fault", options->arFaults,
                     "Inject a fault, KIND:TARGET[:ARG][:once] (repeatable), e.g. drop:3, delay:/PX:1500")
         ->take_all()
-        ->type_name("SPEC");
+        ->type_name("FAULT");
     sub->add_option("--flash", options->sFlash,
                     "Keep the drive's flash (what SV saves) in FILE: loaded at start, written at exit")
         ->type_name("FILE");
