@@ -2,14 +2,9 @@
 // over the pseudo-terminal it prints; and the embedded drive of --sim and demo.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
+#include <csignal>
 #include <filesystem>
 
 #include "tests/support/backgroundprocess.h"
@@ -18,29 +13,20 @@
 using namespace tessitor::test;
 namespace fs = std::filesystem;
 
-extern char** environ;
-
 namespace {
-
-// `tessitor sim ARGS...` running in the background.
-CBackgroundProcess SimProcess(std::vector<std::string> args)
-{
-    args.insert(args.begin(), {TessitorPath(), "sim"});
-    return CBackgroundProcess(args);
-}
 
 ProcessResult Tessitor(std::vector<std::string> args)
 {
     args.insert(args.begin(), TessitorPath());
-    std::string config = (fs::temp_directory_path() / ("tessitor-sim-test-" + std::to_string(::getpid()) + ".ini")).string();
-    return RunProcess(args, {"TESSITOR_CONFIG=" + config});
+    fs::path config = fs::temp_directory_path() / ("tessitor-sim-test-" + std::to_string(::getpid()) + ".ini");
+    return RunProcess(args, {"TESSITOR_CONFIG=" + config.string()});
 }
 
 } // namespace
 
 TEST(SimCliTest, ServesUntilInterrupted)
 {
-    CBackgroundProcess sim = SimProcess({"--serial", "--product", "Vosk"});
+    CBackgroundProcess sim({TessitorPath(), "sim", "--serial", "--product", "Vosk"});
     std::string path = sim.FirstLine();
     ASSERT_EQ(path.rfind("/dev/pts/", 0), 0u) << path;
 
@@ -55,7 +41,7 @@ TEST(SimCliTest, ServesUntilInterrupted)
 
 TEST(SimCliTest, FaultsFromTheCommandLineReachTheClient)
 {
-    CBackgroundProcess sim = SimProcess({"--serial", "--fault", "error:/MO:1", "--fault", "drop:/SR"});
+    CBackgroundProcess sim({TessitorPath(), "sim", "--serial", "--fault", "error:/MO:1", "--fault", "drop:/SR"});
     std::string path = sim.FirstLine();
 
     ProcessResult refused = Tessitor({"send", "--serial", path, "MO=1"});
@@ -75,13 +61,13 @@ TEST(SimCliTest, FlashFileKeepsSavedParametersBetweenRuns)
     fs::path flash = fs::temp_directory_path() / ("tessitor-sim-flash-" + std::to_string(::getpid()) + ".bin");
     fs::remove(flash);
     {
-        CBackgroundProcess sim = SimProcess({"--serial", "--flash", flash.string()});
+        CBackgroundProcess sim({TessitorPath(), "sim", "--serial", "--flash", flash.string()});
         std::string path = sim.FirstLine();
         EXPECT_EQ(Tessitor({"send", "--serial", path, "KP[3]=55", "SV"}).nStatus, 0);
         EXPECT_EQ(sim.Stop(), 0);
     }
     {
-        CBackgroundProcess sim = SimProcess({"--serial", "--flash", flash.string()});
+        CBackgroundProcess sim({TessitorPath(), "sim", "--serial", "--flash", flash.string()});
         std::string path = sim.FirstLine();
         EXPECT_EQ(Tessitor({"send", "--serial", path, "KP[3]"}).sOut, "55\n");
         EXPECT_EQ(sim.Stop(), 0);
@@ -93,6 +79,7 @@ TEST(SimCliTest, WrongUsageExitsTwo)
 {
     for (const std::vector<std::string>& args :
          {std::vector<std::string>{"sim"}, {"sim", "--serial", "--fault", "explode:1"},
+          {"sim", "--serial", "--fault", "drop:0"}, {"sim", "--serial", "--fault", "error:/MO:8"},
           {"sim", "--serial", "--product", "Nonesuch"}, {"sim", "--serial", "--pace", "-5"}}) {
         ProcessResult r = Tessitor(args);
         EXPECT_EQ(r.nStatus, 2) << args.back() << ": " << r.sErr;

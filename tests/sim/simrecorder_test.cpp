@@ -32,23 +32,17 @@ TEST_F(SimRecorderTest, SetUpErrorsUseTheRecorderNumbers)
     EXPECT_EQ(E("RV[3]=99"), 4) << "no such signal";
     EXPECT_EQ(E("RR=1"), 4);
     EXPECT_EQ(E("BH=1"), 23) << "nothing recorded yet";
-    V("RC=1");
-    V("RP[3]=2");
-    V("RP[1]=3");
+    Do({"RC=1", "RP[3]=2", "RP[1]=3"});
     EXPECT_EQ(E("RR=3"), 22) << "a level trigger needs one source";
     V("RP[1]=256");
     EXPECT_EQ(E("RR=3"), 22) << "the source slot has no signal";
-    V("RP[3]=5");
-    V("RP[7]=0");
+    Do({"RP[3]=5", "RP[7]=0"});
     EXPECT_EQ(E("RR=3"), 22) << "an event trigger needs inputs";
 }
 
 TEST_F(SimRecorderTest, RecordingTakesGapTimesSampleTimeTimesLength)
 {
-    V("RC=3");
-    V("RG=5");
-    V("RL=1000");
-    V("RR=2");
+    Do({"RC=3", "RG=5", "RL=1000", "RR=2"});
     EXPECT_EQ(RecorderState(), 3);
     EXPECT_EQ(E("RC=1"), 17) << "settings are locked while recording";
     EXPECT_EQ(E("BH=1"), 17);
@@ -67,10 +61,7 @@ TEST_F(SimRecorderTest, RecordingTakesGapTimesSampleTimeTimesLength)
 
 TEST_F(SimRecorderTest, UploadHonoursTheWindowAndTheLayout)
 {
-    V("PX=1000");
-    V("RC=7");
-    V("RL=250");
-    V("RR=2");
+    Do({"PX=1000", "RC=7", "RL=250", "RR=2"});
     Wait(0.1);
     ASSERT_EQ(RecorderState(), 2);
 
@@ -82,35 +73,27 @@ TEST_F(SimRecorderTest, UploadHonoursTheWindowAndTheLayout)
     EXPECT_EQ(position.nFourth, 1u) << "the fourth field carries the gap";
     EXPECT_EQ(position.fScale, 1.0f);
     EXPECT_EQ(position.arSamples[0], 1000);
-
     Upload velocity = Window(200, 249, 2);
     ASSERT_TRUE(velocity.bOk);
     EXPECT_EQ(velocity.nType, 3u);
     EXPECT_EQ(velocity.nCount, 50u);
-
     Upload current = Window(100, 199, 4);
     ASSERT_TRUE(current.bOk);
     EXPECT_EQ(current.nType, 0u);
     EXPECT_EQ(current.nDigits, 4u);
     EXPECT_FLOAT_EQ(current.fScale, 0.001f);
 
-    V("RP[8]=200");
-    V("RP[9]=250");
+    Do({"RP[8]=200", "RP[9]=250"});
     EXPECT_EQ(E("BH=1"), 24) << "beyond the recording";
     V("RP[9]=199");
     EXPECT_EQ(E("BH=1"), 24) << "last before first";
     EXPECT_EQ(E("BH=8"), 20) << "slot 3 was not recorded";
     EXPECT_EQ(E("BH=3"), 20) << "one signal per upload";
-}
 
-TEST_F(SimRecorderTest, LargestWindowFitsOneReply)
-{
-    V("RC=1");
-    V("RL=4096");
-    V("RR=2");
+    // The largest window still fits one reply of the client's buffer.
+    Do({"RC=1", "RL=4096", "RR=2"});
     Wait(0.5);
-    V("RP[8]=0");
-    V("RP[9]=999");
+    Do({"RP[8]=0", "RP[9]=999"});
     std::string text = V("BH=1");
     EXPECT_EQ(text.size(), 20u + 1000 * 8);
     EXPECT_LT(text.size() + 8, 8191u);
@@ -120,19 +103,11 @@ TEST_F(SimRecorderTest, LargestWindowFitsOneReply)
 
 TEST_F(SimRecorderTest, LevelTriggerKeepsThePreTriggerPart)
 {
-    V("RC=1");
-    V("RL=200");
-    V("RG=10");
-    V("RP[1]=1"); // slot 0: position
-    V("RP[2]=25");
-    V("RP[3]=2");
-    V("RP[4]=2000");
-    V("RR=3");
+    // Slot 0 (position) rising through 2000, a quarter before the trigger.
+    Do({"RC=1", "RL=200", "RG=10", "RP[1]=1", "RP[2]=25", "RP[3]=2", "RP[4]=2000", "RR=3"});
     Wait(0.2);
     EXPECT_EQ(RecorderState(), 1) << "waits while nothing moves";
-    V("MO=1");
-    V("PA=4000");
-    V("BG");
+    Do({"MO=1", "PA=4000", "BG"});
     Wait(0.6);
     ASSERT_EQ(RecorderState(), 2);
     EXPECT_EQ(V("RP[10]"), "50");
@@ -141,80 +116,4 @@ TEST_F(SimRecorderTest, LevelTriggerKeepsThePreTriggerPart)
     EXPECT_LT(u.arSamples[49], 2000);
     EXPECT_GE(u.arSamples[50], 2000);
     EXPECT_NEAR(u.arSamples[199], 4000, 2) << "the move has ended within the recording";
-}
-
-TEST_F(SimRecorderTest, FallingAndWindowTriggersWatchTheirLevels)
-{
-    V("RC=2");
-    V("RL=50");
-    V("RP[1]=2"); // slot 1: velocity
-    V("RP[3]=4");
-    V("RP[4]=100");
-    V("RP[5]=-100");
-    V("RR=3");
-    V("MO=1");
-    Wait(0.05);
-    EXPECT_EQ(RecorderState(), 1) << "standing still stays inside the window";
-    V("JV=-5000");
-    V("BG");
-    Wait(0.05);
-    EXPECT_EQ(RecorderState(), 2);
-    EXPECT_LT(Window(0, 0, 2).arSamples[0], -100);
-
-    V("RP[3]=3");
-    V("RP[4]=-2500");
-    V("RR=3");
-    V("JV=0");
-    V("BG");
-    Wait(0.05);
-    EXPECT_EQ(RecorderState(), 1) << "slowing down from -5000 never falls through -2500";
-    V("JV=-5000");
-    V("BG");
-    Wait(0.05);
-    EXPECT_EQ(RecorderState(), 2);
-}
-
-TEST_F(SimRecorderTest, EventAndBeginMotionTriggers)
-{
-    V("RC=1");
-    V("RL=20");
-    V("RP[3]=5");
-    V("RP[7]=2"); // input 2
-    V("RP[6]=0"); // falling edge
-    V("RR=3");
-    V("IP=2");
-    Wait(0.01);
-    EXPECT_EQ(RecorderState(), 1) << "a rising edge does not fire a falling trigger";
-    V("IP=0");
-    Wait(0.01);
-    EXPECT_EQ(RecorderState(), 2);
-
-    V("RP[3]=1");
-    V("RR=3");
-    Wait(0.01);
-    EXPECT_EQ(RecorderState(), 1);
-    V("MO=1");
-    V("JV=1000");
-    V("BG");
-    Wait(0.01);
-    EXPECT_EQ(RecorderState(), 2);
-}
-
-TEST_F(SimRecorderTest, OlderFamilyNamesItsTriggerSourceByItsOwnTable)
-{
-    MakeDrive("Bressa");
-    EXPECT_EQ(V("RV[0]"), "17") << "slot 0 is the position of the family's table";
-    V("RC=3");
-    V("RL=30");
-    V("RP[1]=2"); // the family's bit of the position
-    V("RP[3]=2");
-    V("RP[4]=100");
-    V("RR=3");
-    V("MO=1");
-    V("PA=1000");
-    V("BG");
-    Wait(0.2);
-    EXPECT_EQ(RecorderState(), 2);
-    V("RP[1]=8"); // the events bit is no signal
-    EXPECT_EQ(E("RR=3"), 22);
 }

@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <vector>
@@ -38,9 +38,16 @@ protected:
         EXPECT_TRUE(reply.bError) << command << " accepted with \"" << reply.sValue << "\"";
         return reply.bError ? reply.nErrorNumber : 0;
     }
+    /// Runs each command, all of which the drive must accept.
+    void Do(std::initializer_list<const char*> commands)
+    {
+        for (const char* command : commands)
+            V(command);
+    }
     double N(const std::string& command) { return std::stod(V(command)); }
+    unsigned long SR() { return std::stoul(V("SR")); }
     void Wait(double seconds) { m_pClock->Advance(seconds); }
-    int RecorderState() { return (std::stoi(V("SR")) >> 16) & 3; }
+    int RecorderState() { return static_cast<int>(SR() >> 16 & 3); }
 
     std::shared_ptr<CSimManualClock> m_pClock = std::make_shared<CSimManualClock>();
     std::unique_ptr<CSimDrive> m_pDrive;
@@ -54,35 +61,31 @@ struct Upload {
     std::vector<double> arSamples;
 };
 
-inline unsigned HexField(const std::string& text, std::size_t pos, std::size_t len)
-{
-    return static_cast<unsigned>(std::stoul(text.substr(pos, len), nullptr, 16));
-}
-
 inline Upload DecodeUpload(const std::string& text)
 {
+    auto hex = [&text](std::size_t pos, std::size_t len) {
+        return static_cast<std::uint32_t>(std::stoul(text.substr(pos, len), nullptr, 16));
+    };
     Upload u;
     if (text.size() < 20)
         return u;
-    u.nType = HexField(text, 0, 2);
-    u.nDigits = HexField(text, 2, 2);
-    u.nCount = HexField(text, 4, 4);
-    u.nFourth = HexField(text, 8, 4);
-    std::uint32_t bits = HexField(text, 12, 8);
+    u.nType = hex(0, 2);
+    u.nDigits = hex(2, 2);
+    u.nCount = hex(4, 4);
+    u.nFourth = hex(8, 4);
+    std::uint32_t bits = hex(12, 8);
     std::memcpy(&u.fScale, &bits, sizeof bits);
     if (text.size() - 20 != static_cast<std::size_t>(u.nCount) * u.nDigits)
         return u;
     for (unsigned i = 0; i < u.nCount; ++i) {
-        std::uint32_t raw = HexField(text, 20 + i * u.nDigits, u.nDigits);
-        if (u.nType == 3) {
-            float f;
-            std::memcpy(&f, &raw, sizeof f);
+        std::uint32_t raw = hex(20 + i * u.nDigits, u.nDigits);
+        float f;
+        std::memcpy(&f, &raw, sizeof f);
+        if (u.nType == 3)
             u.arSamples.push_back(f);
-        } else if (u.nDigits == 4) {
-            u.arSamples.push_back(static_cast<float>(static_cast<std::int16_t>(raw)) * u.fScale);
-        } else {
-            u.arSamples.push_back(static_cast<float>(static_cast<std::int32_t>(raw)) * u.fScale);
-        }
+        else
+            u.arSamples.push_back(static_cast<float>(u.nDigits == 4 ? static_cast<std::int16_t>(raw)
+                                                                    : static_cast<std::int32_t>(raw)) * u.fScale);
     }
     u.bOk = true;
     return u;
