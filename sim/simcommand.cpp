@@ -9,7 +9,14 @@ namespace tessitor::sim {
 
 namespace {
 
-std::string Trim(const std::string& text)
+bool IsLetter(char c)
+{
+    return std::isalpha(static_cast<unsigned char>(c)) != 0;
+}
+
+} // namespace
+
+std::string TrimBlanks(const std::string& text)
 {
     auto first = text.find_first_not_of(" \t");
     if (first == std::string::npos)
@@ -18,17 +25,10 @@ std::string Trim(const std::string& text)
     return text.substr(first, last - first + 1);
 }
 
-bool IsLetter(char c)
-{
-    return std::isalpha(static_cast<unsigned char>(c)) != 0;
-}
-
-} // namespace
-
 int ParseSimCommand(const std::string& line, SimCommand& command)
 {
     command = SimCommand{};
-    std::string text = Trim(line);
+    std::string text = TrimBlanks(line);
     if (text.size() < 2 || !IsLetter(text[0]) || !IsLetter(text[1]))
         return text.empty() || IsLetter(text[0]) ? 2 : 35;
     command.sMnemonic = {static_cast<char>(std::toupper(static_cast<unsigned char>(text[0]))),
@@ -40,7 +40,7 @@ int ParseSimCommand(const std::string& line, SimCommand& command)
         auto close = text.find(']', pos);
         if (close == std::string::npos)
             return 35;
-        std::string index = Trim(text.substr(pos + 1, close - pos - 1));
+        std::string index = TrimBlanks(text.substr(pos + 1, close - pos - 1));
         if (index.empty())
             return 3;
         bool negative = index[0] == '-';
@@ -63,7 +63,7 @@ int ParseSimCommand(const std::string& line, SimCommand& command)
     if (text[pos] != '=')
         return 35;
     command.bAssign = true;
-    command.sValue = Trim(text.substr(pos + 1));
+    command.sValue = TrimBlanks(text.substr(pos + 1));
     return command.sValue.empty() ? 6 : 0;
 }
 

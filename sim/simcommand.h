@@ -16,6 +16,9 @@ struct SimCommand {
     std::string sValue;     ///< the text after "=", blanks trimmed
 };
 
+/// The text without its leading and trailing blanks and tabs.
+std::string TrimBlanks(const std::string& text);
+
 /// Parses line into command; returns 0 or the drive error number (2 bad
 /// command, 3 bad index, 6 empty assignment, 35 syntax error).
 int ParseSimCommand(const std::string& line, SimCommand& command);

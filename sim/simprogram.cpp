@@ -3,18 +3,11 @@
 #include <cctype>
 #include <cstdlib>
 
+#include "sim/simcommand.h"
+
 namespace tessitor::sim {
 
 namespace {
-
-std::string Trim(const std::string& text)
-{
-    auto first = text.find_first_not_of(" \t");
-    if (first == std::string::npos)
-        return {};
-    auto last = text.find_last_not_of(" \t");
-    return text.substr(first, last - first + 1);
-}
 
 bool IsLabel(const std::string& text)
 {
@@ -41,7 +34,7 @@ struct Line {
 
 Line Classify(const std::string& raw)
 {
-    std::string text = Trim(raw);
+    std::string text = TrimBlanks(raw);
     Line line;
     if (text.empty() || text[0] == '\'')
         return line;
@@ -51,11 +44,11 @@ Line Classify(const std::string& raw)
     if (upper == "EN")
         return {Line::kEnd, {}};
     if (upper.compare(0, 2, "GO") == 0 && upper.size() > 2 && (upper[2] == ' ' || upper[2] == '#')) {
-        std::string label = Trim(text.substr(2));
+        std::string label = TrimBlanks(text.substr(2));
         return IsLabel(label) ? Line{Line::kJump, label} : Line{Line::kBad, {}};
     }
     if (upper.compare(0, 3, "WT=") == 0) {
-        std::string ms = Trim(text.substr(3));
+        std::string ms = TrimBlanks(text.substr(3));
         if (ms.empty() || ms.size() > 7 || ms.find_first_not_of("0123456789") != std::string::npos)
             return {Line::kBad, {}};
         return {Line::kWait, ms};
@@ -112,7 +105,7 @@ std::string CSimProgram::Listing() const
 int CSimProgram::FindLabel(const std::string& label) const
 {
     for (std::size_t i = 0; i < m_arLines.size(); ++i)
-        if (Trim(m_arLines[i]) == label)
+        if (TrimBlanks(m_arLines[i]) == label)
             return static_cast<int>(i);
     return -1;
 }

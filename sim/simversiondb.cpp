@@ -16,6 +16,20 @@ namespace tessitor::sim {
 
 namespace {
 
+// T::Load of the data folder's file, read once per path and process.
+template <class T>
+std::shared_ptr<const T> LoadOnce(const char* file)
+{
+    static std::mutex cs;
+    static std::map<std::string, std::shared_ptr<const T>> cache;
+    std::string path = DataFilePath(file);
+    std::lock_guard lock(cs);
+    auto& entry = cache[path];
+    if (!entry)
+        entry = std::make_shared<const T>(T::Load(path));
+    return entry;
+}
+
 [[noreturn]] void Malformed(const std::string& path, int line, const std::string& what)
 {
     throw std::runtime_error(path + ":" + std::to_string(line) + ": " + what);
@@ -219,14 +233,7 @@ CSimVersionDb CSimVersionDb::Load(const std::string& path)
 
 std::shared_ptr<const CSimVersionDb> CSimVersionDb::Default()
 {
-    static std::mutex cs;
-    static std::map<std::string, std::shared_ptr<const CSimVersionDb>> cache;
-    std::string path = DataFilePath("versions.txt");
-    std::lock_guard lock(cs);
-    auto& entry = cache[path];
-    if (!entry)
-        entry = std::make_shared<const CSimVersionDb>(Load(path));
-    return entry;
+    return LoadOnce<CSimVersionDb>("versions.txt");
 }
 
 const SimParamList* CSimVersionDb::FindVersion(const std::string& version) const
@@ -281,14 +288,7 @@ CSimProducts CSimProducts::Load(const std::string& path)
 
 std::shared_ptr<const CSimProducts> CSimProducts::Default()
 {
-    static std::mutex cs;
-    static std::map<std::string, std::shared_ptr<const CSimProducts>> cache;
-    std::string path = DataFilePath("products.txt");
-    std::lock_guard lock(cs);
-    auto& entry = cache[path];
-    if (!entry)
-        entry = std::make_shared<const CSimProducts>(Load(path));
-    return entry;
+    return LoadOnce<CSimProducts>("products.txt");
 }
 
 std::string CSimProducts::Family(const std::string& product) const
