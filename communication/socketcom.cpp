@@ -19,20 +19,6 @@
 namespace tessitor {
 namespace {
 
-// The texts users of the system know; the leading blanks are theirs.
-constexpr char kTextSendDropped[] =
-    " The TCP/IP connection has been dropped, because of a network failure or because the system on the other "
-    "end went down without notice.";
-constexpr char kTextTimeout[] = "TCP/IP Timeout.The network system has failed. Please check wiring";
-constexpr char kTextHeaderDropped[] =
-    " The TCP/IP connection has been dropped because of a network failure or because the peer system failed to "
-    "respond.";
-constexpr char kTextPayloadDropped[] =
-    "The TCP/IP connection has been dropped because of a network failure or because the peer system failed to "
-    "respond.";
-constexpr char kTextFault[] = "TCP/IP Fault.";
-constexpr char kTextNotSameFunction[] = "TCP/IP Communication broken. Not same function ID.";
-
 // The first reply byte may take this many times the command's time-out:
 // the device itself waits the time-out for its drive before it answers.
 constexpr std::int64_t kFirstByteFactor = 5;

@@ -42,6 +42,26 @@ public:
     /// Pieces in which an oversized reply is read away, in bytes.
     static constexpr std::size_t kDrainPieceBytes = 128;
 
+    // The failure texts users of the system know; the leading blanks are theirs.
+    /// Timed exchange: the request could not be sent whole.
+    static constexpr char kTextSendDropped[] =
+        " The TCP/IP connection has been dropped, because of a network failure or because the system on the "
+        "other end went down without notice.";
+    /// Timed exchange: no reply byte within five times the time-out.
+    static constexpr char kTextTimeout[] = "TCP/IP Timeout.The network system has failed. Please check wiring";
+    /// Timed exchange: the reply header came in part.
+    static constexpr char kTextHeaderDropped[] =
+        " The TCP/IP connection has been dropped because of a network failure or because the peer system failed "
+        "to respond.";
+    /// Timed exchange: the reply payload came in part.
+    static constexpr char kTextPayloadDropped[] =
+        "The TCP/IP connection has been dropped because of a network failure or because the peer system failed "
+        "to respond.";
+    /// Buffer exchange: any socket failure.
+    static constexpr char kTextFault[] = "TCP/IP Fault.";
+    /// Buffer exchange: the reply belonged to another function.
+    static constexpr char kTextNotSameFunction[] = "TCP/IP Communication broken. Not same function ID.";
+
     CSocketCom();
     /// Closes the socket.
     ~CSocketCom();

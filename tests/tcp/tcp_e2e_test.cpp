@@ -2,13 +2,6 @@
 // process (several drives, faults, threads sharing one device) and as
 // `tessitor sim --tcp` driven by the `tessitor` command.
 #include <gtest/gtest.h>
-
-#include <csignal>
-#include <cstdlib>
-#include <fcntl.h>
-#include <poll.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -16,43 +9,19 @@
 #include <filesystem>
 #include <thread>
 
-#include "communication/linkfactory.h"
 #include "communication/tcp.h"
 #include "core/settings.h"
 #include "sim/simtcpserver.h"
 #include "tests/support/backgroundprocess.h"
 #include "tests/support/process.h"
-
-extern char** environ;
+#include "tests/tcp/tcppeer.h"
 
 namespace tessitor {
 namespace {
 
-using sim::CSimTcpServer;
 using sim::FaultKind;
-using sim::FaultRule;
-
-CCommunicationInfo TcpInfo(const std::string& target)
-{
-    CCommunicationInfo info;
-    info.m_sCommType = "TCP";
-    info.abIP = {127, 0, 0, 1};
-    info.sDesc = target;
-    info.nType = target.rfind("CANopen", 0) == 0 ? 1 : 0;
-    return info;
-}
-
-template <class F>
-CCommunication::CExceptionComm Thrown(F&& action)
-{
-    try {
-        action();
-    } catch (const CCommunication::CExceptionComm& e) {
-        return e;
-    }
-    ADD_FAILURE() << "no CExceptionComm was thrown";
-    return CCommunication::CExceptionComm(0, nullptr, -100);
-}
+using test::TcpInfo;
+using test::Thrown;
 
 std::string Value(CCommunication& link, const std::string& command, std::uint32_t timeoutMs = 2000)
 {
@@ -61,113 +30,51 @@ std::string Value(CCommunication& link, const std::string& command, std::uint32_
     return value;
 }
 
-FaultRule Rule(FaultKind kind, const std::string& pattern)
-{
-    FaultRule rule;
-    rule.eKind = kind;
-    rule.sPattern = pattern;
-    rule.bOnce = true;
-    return rule;
-}
-
 class TcpDevice : public ::testing::Test {
 protected:
     void SetUp() override { m_Server.Start(); }
 
-    std::unique_ptr<CCommunication> Link(const std::string& target)
+    std::unique_ptr<CTCP> Link(const std::string& target)
     {
-        LinkOptions options;
-        options.wTcpPort = m_Server.Port();
-        auto link = CreateLink(TcpInfo(target), options);
+        auto link = std::make_unique<CTCP>(TcpInfo(target), m_Server.Port());
         EXPECT_EQ(0, link->Connect()) << target;
         return link;
     }
 
-    CSimTcpServer m_Server;
+    // The device breaks the next command starting with pattern, once.
+    void Fault(FaultKind kind, const std::string& pattern, int errorNumber = 2)
+    {
+        m_Server.Faults().Add({.eKind = kind, .sPattern = pattern, .nErrorNumber = errorNumber, .bOnce = true});
+    }
+
+    sim::CSimTcpServer m_Server;
 };
 
-TEST_F(TcpDevice, DrivesBehindOneDeviceKeepTheirOwnState)
-{
-    auto port1 = Link("RS232 Port 1");
-    auto port2 = Link("RS232 Port 2");
-    auto node5 = Link("CANopen Bus 1 NodeID 5");
-
-    port1->Identify();
-    Value(*port1, "SP=1111");
-    Value(*port2, "SP=2222");
-    Value(*node5, "SP=5555");
-    std::string raw;
-    port2->SendCommand("SP", raw, 2000, 0);
-
-    EXPECT_EQ(m_Server.Drive("RS232 Port 1")->VersionString(), port1->GetVersionText());
-    EXPECT_EQ("DSP", port1->GetProcessorType());
-    EXPECT_EQ("1111", Value(*port1, "SP"));
-    EXPECT_EQ("2222", raw.substr(3, 4));
-    EXPECT_EQ("SP\r2222;", raw);
-    EXPECT_EQ("5555", Value(*node5, "SP"));
-    EXPECT_EQ(1, port1->CheckLink());
-    EXPECT_EQ(1, m_Server.AcceptedCount()); // the three links share one connection
-}
-
-TEST_F(TcpDevice, DriveRefusalReadsAsOnTheSerialLine)
+TEST_F(TcpDevice, RefusalsFaultsAndBrokenFramesReachTheCallerAndTheLinkConnectsAgain)
 {
     auto link = Link("RS232 Port 1");
     std::string reply;
-
-    auto e = Thrown([&] { Value(*link, "XQ##"); });
+    auto refused = Thrown([&] { Value(*link, "XQ##"); });
     link->SendCommand("XQ##", reply, 2000, 0);
     std::string serialMessage;
-    int refused = link->CheckDriveError("XQ##", reply, serialMessage);
-
-    EXPECT_EQ(kErrSrcTcpLink, e.m_nErrorSource);
-    EXPECT_EQ(-1, e.m_nErrorCode);
-    EXPECT_EQ(1, refused);
-    EXPECT_EQ(serialMessage, e.FillMessage());
-    EXPECT_EQ(0, serialMessage.rfind("Error (", 0)) << serialMessage;
-}
-
-TEST_F(TcpDevice, DriveFaultsBecomeTheTransactionsCodes)
-{
-    auto link = Link("RS232 Port 1");
-    m_Server.Faults().Add(Rule(FaultKind::kDrop, "PX"));
-    m_Server.Faults().Add(Rule(FaultKind::kWrongEcho, "SP"));
-    m_Server.Faults().Add(Rule(FaultKind::kCut, "AC"));
-    m_Server.Faults().Add(Rule(FaultKind::kDrop, "DC"));
-    FaultRule refuse = Rule(FaultKind::kDriveError, "MO");
-    refuse.nErrorNumber = 7;
-    m_Server.Faults().Add(refuse);
-    std::string reply;
+    int refusedRaw = link->CheckDriveError("XQ##", reply, serialMessage);
+    Fault(FaultKind::kDrop, "PX");
+    Fault(FaultKind::kWrongEcho, "SP");
+    Fault(FaultKind::kCut, "AC");
+    Fault(FaultKind::kDriveError, "MO", 7);
 
     auto lost = Thrown([&] { Value(*link, "PX", 200); });
     auto badEcho = Thrown([&] { link->SendCommand("SP", reply, 2000, 0); });
     auto cut = Thrown([&] { link->SendCommand("AC", reply, 200, 0); });
     bool latched = link->IsTimeoutLatched();
-    auto refusedLatched = Thrown([&] { link->SendCommand("DC", reply, 200, 0); });
     int probe = link->CheckLink(); // the forced echo probe clears the latch
     auto driveError = Thrown([&] { Value(*link, "MO=1"); });
-
-    EXPECT_EQ("Time Out Waiting for Response from Controller", lost.FillMessage());
-    EXPECT_EQ(kErrSrcTcpLink, lost.m_nErrorSource);
-    EXPECT_EQ(COM_BAD_ECHO, badEcho.m_nErrorCode);
-    EXPECT_EQ(COM_TIMEOUT, cut.m_nErrorCode);
-    EXPECT_TRUE(latched);
-    EXPECT_EQ(COM_TIMEOUT, refusedLatched.m_nErrorCode);
-    EXPECT_EQ(1, probe);
-    EXPECT_FALSE(link->IsTimeoutLatched());
-    EXPECT_EQ("Error (7) :  'MO=1' : " + link->GetDriveErrorText(7) + " !", driveError.FillMessage());
-}
-
-TEST_F(TcpDevice, BrokenFramesAreReportedAndTheLinkConnectsAgain)
-{
-    auto link = Link("RS232 Port 1");
-    m_Server.Faults().Add(Rule(FaultKind::kWrongFunctionId, "SR"));
-    m_Server.Faults().Add(Rule(FaultKind::kWrongFunctionId, "PX"));
-    m_Server.Faults().Add(Rule(FaultKind::kDropConnection, "VR"));
-    m_Server.Faults().Add(Rule(FaultKind::kHalfHeader, "UM"));
-    std::string reply;
-
+    Fault(FaultKind::kWrongFunctionId, "SR"); // after the probe, which sends SR
+    Fault(FaultKind::kWrongFunctionId, "PA");
+    Fault(FaultKind::kDropConnection, "VR");
+    Fault(FaultKind::kHalfHeader, "UM");
     auto other = Thrown([&] { Value(*link, "SR"); });
-    int empty = link->SendCommandGetReply("PX", reply, 2000);
+    int empty = link->SendCommandGetReply("PA", reply, 2000);
     std::string afterOther = Value(*link, "SP");
     auto dropped = Thrown([&] { Value(*link, "VR"); });
     auto closed = Thrown([&] { Value(*link, "SP"); });
@@ -179,6 +86,18 @@ TEST_F(TcpDevice, BrokenFramesAreReportedAndTheLinkConnectsAgain)
     int third = link->Connect();
     std::string healthy = Value(*link, "SP");
 
+    EXPECT_EQ(kErrSrcTcpLink, refused.m_nErrorSource);
+    EXPECT_EQ(-1, refused.m_nErrorCode);
+    EXPECT_EQ(1, refusedRaw);
+    EXPECT_EQ(serialMessage, refused.FillMessage()); // read as on the serial line
+    EXPECT_EQ(0, serialMessage.rfind("Error (", 0)) << serialMessage;
+    EXPECT_EQ("Time Out Waiting for Response from Controller", lost.FillMessage());
+    EXPECT_EQ(kErrSrcTcpLink, lost.m_nErrorSource);
+    EXPECT_EQ(COM_BAD_ECHO, badEcho.m_nErrorCode);
+    EXPECT_EQ(COM_TIMEOUT, cut.m_nErrorCode);
+    EXPECT_TRUE(latched);
+    EXPECT_EQ(1, probe);
+    EXPECT_EQ("Error (7) :  'MO=1' : " + link->GetDriveErrorText(7) + " !", driveError.FillMessage());
     EXPECT_EQ("The network device 127.0.0.1:" + std::to_string(m_Server.Port()) + " answered another request.",
               other.FillMessage());
     EXPECT_EQ(-2, empty);
@@ -200,85 +119,46 @@ TEST_F(TcpDevice, BrokenFramesAreReportedAndTheLinkConnectsAgain)
     EXPECT_EQ(3, m_Server.AcceptedCount());
 }
 
-TEST_F(TcpDevice, ThreadsSharingOneDeviceNeverMixFrames)
+TEST_F(TcpDevice, DrivesBehindOneDeviceKeepTheirStateAndThreadsSharingItNeverMixFrames)
 {
-    const std::vector<std::string> targets = {"RS232 Port 1", "RS232 Port 2", "CANopen Bus 1 NodeID 5"};
-    std::vector<std::unique_ptr<CCommunication>> links;
-    for (const auto& target : targets)
+    std::vector<std::unique_ptr<CTCP>> links;
+    for (const char* target : {"RS232 Port 1", "RS232 Port 2", "CANopen Bus 1 NodeID 5"})
         links.push_back(Link(target));
-    constexpr int kRounds = 150;
-    std::atomic<int> mismatches{0};
-    std::atomic<int> failures{0};
-    std::vector<std::thread> threads;
+    links[0]->Identify();
+    std::atomic<int> wrong{0};
+    std::vector<std::jthread> threads;
 
-    // Two threads per link, each on its own parameter: a value that comes
-    // back for another thread's, link's or request's frame shows up as a
-    // mismatch.
-    for (std::size_t d = 0; d < links.size(); ++d) {
-        for (const char* parameter : {"SP", "AC"}) {
-            threads.emplace_back([&, d, parameter] {
-                CCommunication& link = *links[d];
-                for (int i = 0; i < kRounds; ++i) {
-                    std::string expected = std::to_string(1000 + static_cast<int>(d) * 100000 + i);
-                    std::string value;
-                    std::string reply;
-                    try {
-                        link.SendCommandGetValue(std::string(parameter) + "=" + expected, value, 5000);
-                        if (i % 2 == 0) {
-                            link.SendCommandGetValue(parameter, value, 5000);
-                        } else {
-                            link.SendCommand(parameter, reply, 5000, 0);
-                            value = CCommunication::ExtractValue(parameter, reply);
-                        }
-                    } catch (const CCommunication::CExceptionComm&) {
-                        ++failures;
-                        continue;
-                    }
-                    if (value != expected)
-                        ++mismatches;
+    // Two threads per drive, each on its own parameter, every other read a
+    // raw one: a reply that belongs to another thread's, drive's or
+    // request's frame shows up as a wrong one.
+    for (int n = 0; n < 6; ++n) {
+        threads.emplace_back([&, n] {
+            CCommunication& link = *links[static_cast<std::size_t>(n / 2)];
+            const std::string parameter = n % 2 ? "AC" : "SP";
+            for (int i = 0; i < 150; ++i) {
+                std::string value = std::to_string(1000 + n / 2 * 100000 + i);
+                std::string got;
+                try {
+                    Value(link, parameter + "=" + value, 5000);
+                    if (i % 2 == 0)
+                        got = Value(link, parameter, 5000);
+                    else
+                        link.SendCommand(parameter, got, 5000, 0);
+                } catch (const CCommunication::CExceptionComm&) {
+                    got = "a failure";
                 }
-            });
-        }
+                wrong += got != (i % 2 == 0 ? value : parameter + "\r" + value + ";");
+            }
+        });
     }
-    for (auto& thread : threads)
-        thread.join();
+    threads.clear(); // joins them
 
-    EXPECT_EQ(0, failures.load());
-    EXPECT_EQ(0, mismatches.load());
-    EXPECT_EQ(1, m_Server.AcceptedCount());
+    EXPECT_EQ(0, wrong.load());
+    EXPECT_EQ(m_Server.Drive("RS232 Port 1")->VersionString(), links[0]->GetVersionText());
+    EXPECT_EQ("DSP", links[0]->GetProcessorType());
+    EXPECT_EQ(1, links[0]->CheckLink());
+    EXPECT_EQ(1, m_Server.AcceptedCount()); // the three links share one connection
 }
-
-TEST_F(TcpDevice, RecordedDataChunkMatchesTheDrivesOwnAnswer)
-{
-    auto link = Link("RS232 Port 1");
-    auto* tcp = dynamic_cast<CTCP*>(link.get());
-    ASSERT_NE(nullptr, tcp);
-    auto busy = Thrown([&] {
-        for (const char* command : {"RC=1", "RL=10", "RG=1", "RR=2"})
-            Value(*link, command);
-        std::string data;
-        tcp->UploadRecordedData(1, 0, 9, data, 2000); // still recording
-    });
-    for (int i = 0; i < 200 && ((std::stol(Value(*link, "SR")) >> 16) & 3) != 2; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    std::string data;
-    std::string direct;
-
-    tcp->UploadRecordedData(1, 0, 9, data, 2000);
-    Value(*link, "RP[8]=0");
-    Value(*link, "RP[9]=9");
-    std::string reply;
-    link->SendCommand("BH=1", reply, 2000, 0);
-    direct = CCommunication::ExtractValue("BH=1", reply);
-
-    EXPECT_EQ(kErrSrcTcpLink, busy.m_nErrorSource);
-    EXPECT_EQ("Error (17) :  'BH=1' : " + link->GetDriveErrorText(17) + " !", busy.FillMessage());
-    ASSERT_GE(data.size(), 20u) << data;
-    EXPECT_EQ("000A", data.substr(4, 4)) << data; // ten samples, 0..9
-    EXPECT_EQ(20 + 10 * std::stoul(data.substr(2, 2), nullptr, 16), data.size()) << data;
-    EXPECT_EQ(direct, data);
-}
-
 
 TEST(TcpCommand, TessitorReachesDrivesOfTessitorSimOverTcp)
 {
@@ -296,11 +176,10 @@ TEST(TcpCommand, TessitorReachesDrivesOfTessitorSimOverTcp)
 
     auto sent = run({"send", "--tcp", where, "--target", "RS232 Port 2", "SP=4321", "SP", "VR"});
     auto other = run({"send", "--tcp", where, "--target", "RS232 Port 1", "SP"});
-    CCommunicationInfo info = TcpInfo("CANopen Bus 1 NodeID 5");
     Settings settings(config.string());
     settings.Set("TCP", "Port", port);
     ASSERT_TRUE(settings.Save());
-    auto byLine = run({"send", "--conn", info.ToLine(), "SP=77", "SP"});
+    auto byLine = run({"send", "--conn", TcpInfo("CANopen Bus 1 NodeID 5").ToLine(), "SP=77", "SP"});
     auto missing = run({"send", "--tcp", where, "--target", "RS232 Port 7", "SP"});
     auto refused = run({"send", "--tcp", where, "--target", "RS232 Port 1", "XQ##"});
     fs::remove(config);

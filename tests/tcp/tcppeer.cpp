@@ -1,62 +1,40 @@
 #include "tests/tcp/tcppeer.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <stdexcept>
 
 namespace tessitor::test {
 namespace {
 
-constexpr int kPeerWaitMs = 10000;
-
+// Blocking reads under a receive time-out (set on accepting) keep a peer
+// whose client hangs from holding the test up for ever.
 bool ReadExactly(int fd, char* data, std::size_t length)
 {
-    std::size_t got = 0;
-    while (got < length) {
-        pollfd p{fd, POLLIN, 0};
-        if (::poll(&p, 1, kPeerWaitMs) <= 0)
-            return false;
-        ssize_t n = ::recv(fd, data + got, length - got, 0);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        got += static_cast<std::size_t>(n);
-    }
-    return true;
+    return length == 0 || ::recv(fd, data, length, MSG_WAITALL) == static_cast<ssize_t>(length);
+}
+
+bool ReadFrame(int fd, NetFrameHeader& header, std::string& payload)
+{
+    char bytes[kNetHeaderBytes];
+    if (fd < 0 || !ReadExactly(fd, bytes, sizeof bytes))
+        return false;
+    header = NetDecodeHeader(bytes);
+    payload.assign(std::min(header.nLength, kNetMaxPayloadBytes), '\0');
+    return header.nLength <= kNetMaxPayloadBytes && ReadExactly(fd, payload.data(), payload.size());
 }
 
 } // namespace
 
-bool CPeerConnection::ReadFrame(NetFrameHeader& header, std::string& payload)
-{
-    char bytes[kNetHeaderBytes];
-    if (!ReadExactly(m_hSocket, bytes, sizeof bytes))
-        return false;
-    header = NetDecodeHeader(bytes);
-    if (header.nLength > kNetMaxPayloadBytes)
-        return false;
-    payload.assign(header.nLength, '\0');
-    return ReadExactly(m_hSocket, payload.data(), payload.size());
-}
-
 void CPeerConnection::Write(const std::string& bytes)
 {
-    std::size_t sent = 0;
-    while (sent < bytes.size()) {
-        ssize_t n = ::send(m_hSocket, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return;
-        sent += static_cast<std::size_t>(n);
-    }
+    ::send(hSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL); // blocking: all of it, or the client is gone
 }
 
 void CPeerConnection::Reply(std::uint32_t functionId, std::uint32_t status, const std::string& payload)
@@ -66,28 +44,13 @@ void CPeerConnection::Reply(std::uint32_t functionId, std::uint32_t status, cons
 
 void CPeerConnection::Abort()
 {
-    if (m_hSocket < 0)
-        return;
     linger hard{1, 0};
-    ::setsockopt(m_hSocket, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
-    ::close(m_hSocket);
-    m_hSocket = -1;
+    ::setsockopt(hSocket, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+    ::close(hSocket);
+    hSocket = -1;
 }
 
-void CPeerConnection::WaitForClose()
-{
-    char sink[4096];
-    while (m_hSocket >= 0) {
-        pollfd p{m_hSocket, POLLIN, 0};
-        if (::poll(&p, 1, kPeerWaitMs) <= 0)
-            return;
-        ssize_t n = ::recv(m_hSocket, sink, sizeof sink, 0);
-        if (n == 0 || (n < 0 && errno != EINTR))
-            return;
-    }
-}
-
-CTcpScriptedPeer::CTcpScriptedPeer(Script script) : m_Script(std::move(script))
+CTcpScriptedPeer::CTcpScriptedPeer(Handler handler) : m_Handler(std::move(handler))
 {
     m_hListen = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
@@ -95,46 +58,111 @@ CTcpScriptedPeer::CTcpScriptedPeer(Script script) : m_Script(std::move(script))
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t size = sizeof address;
     if (m_hListen < 0 || ::bind(m_hListen, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0
-        || ::listen(m_hListen, 8) != 0
-        || ::getsockname(m_hListen, reinterpret_cast<sockaddr*>(&address), &size) != 0
-        || ::pipe2(m_hWake, O_CLOEXEC) != 0)
+        || ::listen(m_hListen, 8) != 0 || ::getsockname(m_hListen, reinterpret_cast<sockaddr*>(&address), &size) != 0)
         throw std::runtime_error("cannot listen on loopback");
     m_wPort = ntohs(address.sin_port);
-    m_Thread = std::thread([this] { AcceptLoop(); });
+    m_Thread = std::thread([this] {
+        for (;;) {
+            int fd = ::accept4(m_hListen, nullptr, nullptr, SOCK_CLOEXEC);
+            if (fd < 0 && (errno == EINTR || errno == ECONNABORTED))
+                continue;
+            if (fd < 0)
+                return; // the listening socket was shut down
+            ++m_nAccepted;
+            timeval wait{10, 0};
+            ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+            m_arThreads.emplace_back([this, fd] {
+                CPeerConnection connection{fd};
+                NetFrameHeader header;
+                std::string payload;
+                while (ReadFrame(connection.hSocket, header, payload))
+                    m_Handler(connection, header, payload);
+                if (connection.hSocket >= 0)
+                    connection.Abort();
+                ++m_nEnded;
+            });
+        }
+    });
 }
 
 CTcpScriptedPeer::~CTcpScriptedPeer()
 {
-    char poke = 1;
-    [[maybe_unused]] ssize_t ignored = ::write(m_hWake[1], &poke, 1);
+    ::shutdown(m_hListen, SHUT_RDWR); // wakes the accept
     m_Thread.join();
     for (std::thread& thread : m_arThreads)
         thread.join();
     ::close(m_hListen);
-    ::close(m_hWake[0]);
-    ::close(m_hWake[1]);
 }
 
-void CTcpScriptedPeer::AcceptLoop()
+void ScriptedDevice(CPeerConnection& c, const NetFrameHeader& h, const std::string& payload)
 {
-    for (;;) {
-        pollfd fds[2] = {{m_hListen, POLLIN, 0}, {m_hWake[0], POLLIN, 0}};
-        if (::poll(fds, 2, -1) < 0 && errno == EINTR)
-            continue;
-        if (fds[1].revents & POLLIN)
-            return;
-        int fd = ::accept4(m_hListen, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0)
-            continue;
-        ++m_nAccepted;
-        std::lock_guard lock(m_csThreads);
-        m_arThreads.emplace_back([this, fd] {
-            CPeerConnection connection(fd);
-            m_Script(connection);
-            connection.WaitForClose();
-            connection.Abort();
-        });
-    }
+    const std::uint32_t id = h.nFunctionId;
+    const std::size_t prefix = id == kNetFnCommand ? 4 : id == kNetFnRawReply ? 8 : 0; // time-out, terminator
+    std::string what = payload.substr(std::min(prefix, payload.size()));
+    const bool abort = !what.empty() && what.back() == '!';
+    if (abort)
+        what.pop_back();
+    if (what == "late")
+        std::this_thread::sleep_for(std::chrono::milliseconds(600));
+    if (id == kNetFnListDrives)
+        c.Reply(id, 0,
+                NetDriveListPayload({{kNetDriveSerial, "RS232 Port 1"}, {kNetDriveCanopen, "CANopen Bus 1 NodeID 5"}}));
+    else if (id == kNetFnOpenDrive && (what == "RS232 Port 1" || what == "CANopen Bus 1 NodeID 5"))
+        c.Reply(id, 0, std::string(what == "RS232 Port 1" ? "\x0B" : "\x0C") + std::string(3, '\0'));
+    else if (id == kNetFnCloseDrive)
+        c.Reply(id, 0, {});
+    else if (id == kNetFnRawReply && payload[4] != (what == "LS\r" ? '\x08' : ';'))
+        c.Reply(id, 0, "the terminator is wrong");
+    else if (what == "PX")
+        c.Reply(id, 0, std::to_string(h.nWord3)); // the handle the request named
+    else if (what == "MO=1")
+        c.Reply(id, kNetStatusDriveError | 5, "device text");
+    else if (what == "MO=2")
+        c.Reply(id, kNetStatusDriveError | 250, "Brake not released");
+    else if (what == "XX")
+        c.Reply(id, kNetStatusBadRequest, "command too long");
+    else if (what == "VR\r")
+        c.Reply(id, 0, "VR\rTalvina 1.2.3.4;");
+    else if (what == "PA\r")
+        c.Reply(id, 0, "PA\r5"); // no terminator
+    else if (what == "SR\r")
+        c.Reply(id, 1, "SR\r"); // the drive never finished
+    else if (what == "LS\r")
+        c.Reply(id, 0, std::string("LS\rline;\x08", 9));
+    else if (what == "small")
+        c.Reply(id, 7, "abc");
+    else if (what == "big" || what == "drain")
+        c.Reply(id, 0, std::string(what == "big" ? 70000 : 1000, 'w'));
+    else if (what == "other" || what == "UM\r")
+        c.Reply(id + 1, 0, "stale");
+    else if (what == "frame") // 2 bytes for function 3, status 9
+        c.Write(std::string("\x02\0\0\0\x03\0\0\0\x09\0\0\0xy", 14));
+    else if (what == "half")
+        c.Write(NetEncodeHeader({4, id, 0}).substr(0, 6));
+    else if (what == "cut")
+        c.Write(NetEncodeHeader({100, id, 0}) + std::string(40, 'p'));
+    else if (what == "huge")
+        c.Write(NetEncodeHeader({0xFFFFFFF0u, id, 0}) + std::string(64, 'h'));
+    else if (what != "silent")
+        c.Reply(id, 0, what);
+    if (abort)
+        c.Abort();
+}
+
+std::uint16_t ClosedPort()
+{
+    CTcpScriptedPeer gone(ScriptedDevice);
+    return gone.Port();
+}
+
+CCommunicationInfo TcpInfo(const std::string& target)
+{
+    CCommunicationInfo info;
+    info.m_sCommType = "TCP";
+    info.abIP = {127, 0, 0, 1};
+    info.sDesc = target;
+    info.nType = target.rfind("CANopen", 0) == 0 ? 1 : 0;
+    return info;
 }
 
 } // namespace tessitor::test

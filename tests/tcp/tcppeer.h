@@ -1,64 +1,81 @@
-// A scripted network device for tests: listens on a loopback port and runs
-// a script on each connection it accepts, on its own thread. The script
-// reads request frames and writes whatever bytes it likes back, so every
-// misbehaviour of a peer can be staged.
+// What the TCP tests share: a scripted network device on a loopback port,
+// whose handler sees every request frame and writes back whatever bytes it
+// likes, so each misbehaviour of a peer can be staged; the one script the
+// tests use; a TCP descriptor; and catching the exception a call throws.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <atomic>
-#include <cstdint>
 #include <functional>
-#include <mutex>
-#include <string>
 #include <thread>
 #include <vector>
 
+#include "communication/communication.h"
 #include "communication/netprotocol.h"
 
 namespace tessitor::test {
 
-/// One accepted connection, as the script sees it.
-class CPeerConnection {
-public:
-    explicit CPeerConnection(int fd) : m_hSocket(fd) {}
-
-    /// Reads one request frame; false when the client closed or 10 s passed.
-    bool ReadFrame(NetFrameHeader& header, std::string& payload);
+/// One accepted connection, as the handler sees it.
+struct CPeerConnection {
+    int hSocket;
     /// Writes bytes as they stand.
     void Write(const std::string& bytes);
     /// Writes a reply frame.
     void Reply(std::uint32_t functionId, std::uint32_t status, const std::string& payload);
-    /// Closes with a reset instead of an orderly close.
+    /// Closes with a reset instead of an orderly close; no more requests are read.
     void Abort();
-    /// Waits until the client closes its end (or 10 s pass).
-    void WaitForClose();
-
-private:
-    int m_hSocket;
 };
 
 class CTcpScriptedPeer {
 public:
-    using Script = std::function<void(CPeerConnection&)>;
+    using Handler = std::function<void(CPeerConnection&, const NetFrameHeader&, const std::string& payload)>;
 
-    explicit CTcpScriptedPeer(Script script);
-    /// Stops accepting and joins the scripts (each ends when its client closes).
+    /// Listens on 127.0.0.1; each connection's requests go to handler in
+    /// turn, on that connection's own thread, until the client closes or
+    /// stays silent for 10 s.
+    explicit CTcpScriptedPeer(Handler handler);
+    /// Stops accepting and joins the connections.
     ~CTcpScriptedPeer();
 
     std::uint16_t Port() const { return m_wPort; }
     /// Connections accepted so far.
     int Accepted() const { return m_nAccepted; }
+    /// Connections that have ended so far.
+    int Ended() const { return m_nEnded; }
 
 private:
-    void AcceptLoop();
-
-    Script m_Script;
+    Handler m_Handler;
     int m_hListen = -1;
-    int m_hWake[2] = {-1, -1};
     std::uint16_t m_wPort = 0;
     std::atomic<int> m_nAccepted{0};
+    std::atomic<int> m_nEnded{0};
     std::thread m_Thread;
-    std::mutex m_csThreads;
-    std::vector<std::thread> m_arThreads;
+    std::vector<std::thread> m_arThreads; // the accept thread's alone until it is joined
 };
+
+/// A device with two drives, "RS232 Port 1" (handle 11) and "CANopen Bus 1
+/// NodeID 5" (handle 12), whose answer each request names (the command, or
+/// the payload of other functions): see the .cpp. Anything it does not
+/// know is echoed; a trailing '!' resets the connection after the answer.
+void ScriptedDevice(CPeerConnection& c, const NetFrameHeader& h, const std::string& payload);
+/// A loopback port nobody listens on (one just given up).
+std::uint16_t ClosedPort();
+
+/// A "TCP" descriptor for the drive named target on 127.0.0.1.
+CCommunicationInfo TcpInfo(const std::string& target);
+
+/// The CExceptionComm action throws; a test failure when it throws none.
+template <class F>
+CCommunication::CExceptionComm Thrown(F&& action)
+{
+    try {
+        action();
+    } catch (const CCommunication::CExceptionComm& e) {
+        return e;
+    }
+    ADD_FAILURE() << "no CExceptionComm was thrown";
+    return CCommunication::CExceptionComm(0, nullptr, -100);
+}
 
 } // namespace tessitor::test
