@@ -3,7 +3,7 @@
 // transaction, and three drives behind one device used from three threads.
 #include <benchmark/benchmark.h>
 
-#include <atomic>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -14,52 +14,55 @@ using namespace tessitor;
 
 namespace {
 
-CCommunicationInfo TcpTarget(const std::string& target)
+// A link connected to the drive target behind device; null (and the
+// benchmark marked as failed) when it cannot connect.
+std::unique_ptr<CTCP> Connected(benchmark::State& state, const sim::CSimTcpServer& device, const std::string& target)
 {
     CCommunicationInfo info;
     info.m_sCommType = "TCP";
     info.abIP = {127, 0, 0, 1};
     info.sDesc = target;
-    return info;
+    auto link = std::make_unique<CTCP>(info, device.Port());
+    if (link->Connect() == 0)
+        return link;
+    state.SkipWithError("cannot reach the virtual network device");
+    return nullptr;
+}
+
+void CountCommands(benchmark::State& state, std::int64_t commands)
+{
+    state.counters["commands/s"] = benchmark::Counter(static_cast<double>(commands), benchmark::Counter::kIsRate);
+}
+
+// One command at a time on "RS232 Port 1": send(link, reply) makes one round trip.
+template <class Send>
+void RoundTrips(benchmark::State& state, Send send)
+{
+    sim::CSimTcpServer device;
+    device.Start();
+    auto link = Connected(state, device, "RS232 Port 1");
+    if (!link)
+        return;
+    std::string reply;
+    for (auto _ : state) {
+        send(*link, reply);
+        benchmark::DoNotOptimize(reply);
+    }
+    CountCommands(state, state.iterations());
+    link->Disconnect();
 }
 
 } // namespace
 
 static void BM_TcpValueRoundTrip(benchmark::State& state)
 {
-    sim::CSimTcpServer device;
-    device.Start();
-    CTCP link(TcpTarget("RS232 Port 1"), device.Port());
-    if (link.Connect() != 0) {
-        state.SkipWithError("cannot reach the virtual network device");
-        return;
-    }
-    std::string value;
-    for (auto _ : state) {
-        link.SendCommandGetValue("PX", value, 1000);
-        benchmark::DoNotOptimize(value);
-    }
-    state.counters["commands/s"] = benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
-    link.Disconnect();
+    RoundTrips(state, [](CTCP& link, std::string& value) { link.SendCommandGetValue("PX", value, 1000); });
 }
 BENCHMARK(BM_TcpValueRoundTrip)->UseRealTime()->MinTime(2.0);
 
 static void BM_TcpRawRoundTrip(benchmark::State& state)
 {
-    sim::CSimTcpServer device;
-    device.Start();
-    CTCP link(TcpTarget("RS232 Port 1"), device.Port());
-    if (link.Connect() != 0) {
-        state.SkipWithError("cannot reach the virtual network device");
-        return;
-    }
-    std::string reply;
-    for (auto _ : state) {
-        link.SendCommand("PX", reply, 1000, 0);
-        benchmark::DoNotOptimize(reply);
-    }
-    state.counters["commands/s"] = benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
-    link.Disconnect();
+    RoundTrips(state, [](CTCP& link, std::string& reply) { link.SendCommand("PX", reply, 1000, 0); });
 }
 BENCHMARK(BM_TcpRawRoundTrip)->UseRealTime()->MinTime(2.0);
 
@@ -71,11 +74,9 @@ static void BM_TcpSharedDeviceThreeThreads(benchmark::State& state)
     device.Start();
     std::vector<std::unique_ptr<CTCP>> links;
     for (const char* target : {"RS232 Port 1", "RS232 Port 2", "CANopen Bus 1 NodeID 5"}) {
-        links.push_back(std::make_unique<CTCP>(TcpTarget(target), device.Port()));
-        if (links.back()->Connect() != 0) {
-            state.SkipWithError("cannot reach the virtual network device");
+        links.push_back(Connected(state, device, target));
+        if (!links.back())
             return;
-        }
     }
     constexpr int kPerThread = 500;
     std::int64_t commands = 0;
@@ -92,6 +93,6 @@ static void BM_TcpSharedDeviceThreeThreads(benchmark::State& state)
             thread.join();
         commands += kPerThread * static_cast<std::int64_t>(links.size());
     }
-    state.counters["commands/s"] = benchmark::Counter(static_cast<double>(commands), benchmark::Counter::kIsRate);
+    CountCommands(state, commands);
 }
 BENCHMARK(BM_TcpSharedDeviceThreeThreads)->UseRealTime()->MinTime(2.0);
