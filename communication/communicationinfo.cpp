@@ -33,15 +33,6 @@ std::string FromWord(std::string text)
     return text;
 }
 
-std::string Trim(const std::string& text)
-{
-    size_t begin = text.find_first_not_of(" \t\r\n");
-    if (begin == std::string::npos)
-        return {};
-    size_t end = text.find_last_not_of(" \t\r\n");
-    return text.substr(begin, end - begin + 1);
-}
-
 bool ParseLong(const std::string& text, long& value)
 {
     if (text.empty())

@@ -7,19 +7,9 @@
 #include <fstream>
 #include <unistd.h>
 
+#include "core/strformat.h"
+
 namespace tessitor {
-namespace {
-
-std::string Trim(const std::string& text)
-{
-    size_t begin = text.find_first_not_of(" \t\r\n");
-    if (begin == std::string::npos)
-        return {};
-    size_t end = text.find_last_not_of(" \t\r\n");
-    return text.substr(begin, end - begin + 1);
-}
-
-} // namespace
 
 Settings::Settings(std::string path) : m_sPath(std::move(path))
 {

@@ -20,4 +20,13 @@ std::string StrFormat(const char* format, ...)
     return text;
 }
 
+std::string Trim(const std::string& text)
+{
+    size_t begin = text.find_first_not_of(" \t\r\n");
+    if (begin == std::string::npos)
+        return {};
+    size_t end = text.find_last_not_of(" \t\r\n");
+    return text.substr(begin, end - begin + 1);
+}
+
 } // namespace tessitor
