@@ -4,11 +4,8 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <thread>
 
-#include "communication/linkfactory.h"
-#include "sim/simserialserver.h"
 #include "ui/cli/clicontext.h"
 
 namespace tessitor::cli {
@@ -42,36 +39,18 @@ std::string StatusText(unsigned long sr)
 int RunDemo(CCliContext& context)
 {
     using Clock = std::chrono::steady_clock;
+    // The same embedded drive as --sim, connected and identified the same way.
+    context.m_Options.m_bSim = true;
+    std::unique_ptr<CCommunication> link = context.m_Options.Connect();
     std::printf("Tessitor demo: a virtual %s drive, reached through the serial link\n\n",
                 context.m_Options.m_sProduct.c_str());
-
-    std::shared_ptr<sim::CSimDrive> drive;
-    try {
-        drive = std::make_shared<sim::CSimDrive>(context.m_Options.m_sProduct);
-    } catch (const std::invalid_argument& e) {
-        throw UsageError(e.what());
-    }
-    sim::CSimSerialServer server(drive);
-    server.Start();
-
-    std::printf("1. Connect\n");
-    CCommunicationInfo info;
-    info.m_sCommType = "RS_232";
-    info.wBaudRate = 115200;
-    LinkOptions options;
-    options.sSerialPath = server.SlavePath();
-    std::unique_ptr<CCommunication> link = CreateLink(info, options);
-    if (int error = link->Connect())
-        throw ConnectError("Create Communication Device Fault. " + options.sSerialPath + ": " + std::strerror(error));
-    std::printf("   %s on %s\n", link->GetInfo().GetDisplayText().c_str(), options.sSerialPath.c_str());
+    std::printf("1. Connect and identify\n");
+    std::printf("   %s\n", link->GetInfo().GetDisplayText().c_str());
+    std::printf("   VR  %s (processor %s)\n", link->GetVersionText().c_str(), link->GetProcessorType().c_str());
     std::int32_t check = link->CheckLink();
     std::printf("   link check: %s\n\n", check == 1 ? "ok" : "failed");
 
-    std::printf("2. Identify\n");
-    link->Identify();
-    std::printf("   VR  %s (processor %s)\n\n", link->GetVersionText().c_str(), link->GetProcessorType().c_str());
-
-    std::printf("3. Parameters\n");
+    std::printf("2. Parameters\n");
     for (const char* name : {"KP[1]", "KI[1]", "KP[2]", "KI[2]", "KP[3]", "PL", "SP", "AC"})
         std::printf("   %-6s = %s\n", name, Value(*link, name).c_str());
     Value(*link, "KP[3]=120");
@@ -83,7 +62,7 @@ int RunDemo(CCliContext& context)
     }
     std::printf("\n");
 
-    std::printf("4. Motion: motor on, move one revolution (PA=4000, BG)\n");
+    std::printf("3. Motion: motor on, move one revolution (PA=4000, BG)\n");
     Value(*link, "MO=1");
     Value(*link, "PA=4000");
     Value(*link, "BG");
@@ -98,13 +77,12 @@ int RunDemo(CCliContext& context)
     unsigned long sr = std::strtoul(Value(*link, "SR").c_str(), nullptr, 10);
     std::printf("   position %s counts; SR %lu: %s\n\n", Value(*link, "PX").c_str(), sr, StatusText(sr).c_str());
 
-    std::printf("5. Motor off\n");
+    std::printf("4. Motor off\n");
     Value(*link, "MO=0");
     sr = std::strtoul(Value(*link, "SR").c_str(), nullptr, 10);
     std::printf("   SR %lu: %s\n\n", sr, StatusText(sr).c_str());
 
     link->Disconnect();
-    server.Stop();
     std::printf("Done: connect, identify, parameters and a motion, with no hardware.\n");
     return 0;
 }
