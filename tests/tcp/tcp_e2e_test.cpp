@@ -160,6 +160,23 @@ TEST_F(TcpDevice, DrivesBehindOneDeviceKeepTheirStateAndThreadsSharingItNeverMix
     EXPECT_EQ(1, m_Server.AcceptedCount()); // the three links share one connection
 }
 
+TEST_F(TcpDevice, RecordedDataUploadIsTheDrivesOwnBhAnswer)
+{
+    auto link = Link("RS232 Port 2");
+    for (const char* command : {"RR=0", "RC=3", "RG=1", "RL=50", "RP[3]=0", "RR=2"})
+        Value(*link, command);
+    for (int poll = 0; poll < 500 && ((std::stoul(Value(*link, "SR")) >> 16) & 3) != 2; ++poll)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ASSERT_EQ(2u, (std::stoul(Value(*link, "SR")) >> 16) & 3) << "the recording completes";
+
+    std::string uploaded;
+    EXPECT_EQ(0, link->UploadRecordedData(2, 10, 29, uploaded, 5000));
+    Value(*link, "RP[8]=10");
+    Value(*link, "RP[9]=29");
+    EXPECT_EQ(Value(*link, "BH=2"), uploaded);
+    EXPECT_EQ(20u * 8u + 20u, uploaded.size()) << "header and twenty 32-bit samples: " << uploaded;
+}
+
 TEST(TcpCommand, TessitorReachesDrivesOfTessitorSimOverTcp)
 {
     namespace fs = std::filesystem;
