@@ -34,14 +34,16 @@ std::string Settings::UserPath()
 {
     if (const char* explicitPath = std::getenv("TESSITOR_CONFIG"); explicitPath && *explicitPath)
         return explicitPath;
-    std::string base;
-    if (const char* xdg = std::getenv("XDG_CONFIG_HOME"); xdg && *xdg)
-        base = xdg;
-    else if (const char* home = std::getenv("HOME"); home && *home)
-        base = std::string(home) + "/.config";
-    else
-        base = ".";
-    return base + "/tessitor/tessitor.ini";
+    return XdgBaseDir("XDG_CONFIG_HOME", ".config") + "/tessitor/tessitor.ini";
+}
+
+std::string Settings::XdgBaseDir(const char* variable, const char* homeRelative)
+{
+    if (const char* dir = std::getenv(variable); dir && *dir)
+        return dir;
+    if (const char* home = std::getenv("HOME"); home && *home)
+        return std::string(home) + "/" + homeRelative;
+    return ".";
 }
 
 Settings Settings::User()

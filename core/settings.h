@@ -18,6 +18,8 @@ public:
     static Settings User();
     /// The path of the user's settings file.
     static std::string UserPath();
+    /// An XDG base folder: $variable, else $HOME/homeRelative, else ".".
+    static std::string XdgBaseDir(const char* variable, const char* homeRelative);
 
     std::optional<std::string> Get(const std::string& section, const std::string& key) const;
     std::string GetString(const std::string& section, const std::string& key, const std::string& fallback = "") const;

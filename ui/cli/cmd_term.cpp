@@ -7,6 +7,7 @@
 #include <iostream>
 #include <unistd.h>
 
+#include "core/settings.h"
 #include "core/ui.h"
 #include "ui/cli/clicontext.h"
 
@@ -19,13 +20,7 @@ constexpr char kLinkCheckCommand[] = ":check";
 // History is state, not a setting: $XDG_STATE_HOME/tessitor/history.
 std::string HistoryPath()
 {
-    std::string base;
-    if (const char* state = std::getenv("XDG_STATE_HOME"); state && *state)
-        base = state;
-    else if (const char* home = std::getenv("HOME"); home && *home)
-        base = std::string(home) + "/.local/state";
-    else
-        base = ".";
+    std::string base = Settings::XdgBaseDir("XDG_STATE_HOME", ".local/state");
     std::error_code ignored;
     std::filesystem::create_directories(base + "/tessitor", ignored);
     return base + "/tessitor/history";
