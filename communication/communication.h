@@ -139,6 +139,10 @@ public:
     void RemoveListenerCom(CListenerComm* pListener);
 
     const CCommunicationInfo& GetInfo() const { return m_Info; }
+    /// The device this link reaches, as a user names it in messages: a
+    /// device path, "host:port target", a CAN node. Default: the
+    /// descriptor's display text.
+    virtual std::string DeviceName() const { return m_Info.GetDisplayText(); }
     bool IsConnected() const { return m_nConnected != 0; }
     bool IsLinkBroken() const { return m_nLinkBroken != 0; }
     bool IsTimeoutLatched() const { return m_nTimeoutLatch != 0; }

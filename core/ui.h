@@ -39,6 +39,19 @@ public:
     virtual int MessageBox(Window* parent, const std::string& text, const std::string& caption,
                            unsigned style) = 0;
 
+    /// A link is about to wait for the answer to command from device
+    /// (attempt of attempts; 1 of 1 where a transport does not retry).
+    /// Called on the waiting thread for every wait, so it must be cheap; the
+    /// front end decides whether and when to show it (a terminal shows a
+    /// wait that lasts more than about a second). The strings are valid only
+    /// during the call. Default: nothing.
+    virtual void WaitBegin(const std::string& command, const std::string& device, int attempt, int attempts)
+    {
+        (void)command, (void)device, (void)attempt, (void)attempts;
+    }
+    /// The wait announced by the last WaitBegin on this thread has ended.
+    virtual void WaitEnd() {}
+
     /// The Ui the core reports through. Never null: until a front end
     /// installs one, a Ui that writes to stderr and answers OK/No is used.
     static Ui& Current();
