@@ -49,7 +49,11 @@ enum CommErrorSource : int {
     kErrSrcTransport = 1, ///< a transport's coded result
     kErrSrcLink = 2,      ///< the link refused the command itself (text supplied)
     kErrSrcDrive = 3,     ///< the drive answered "?" (text supplied)
-    kErrSrcCan = 4,       ///< a CAN transfer's coded result
+    kErrSrcCan = 4,       ///< a CAN transfer's coded result or protocol violation
+    kErrSrcCanDrive = 6,  ///< the drive refused a command over CAN (text supplied)
+    kErrSrcSdoAbort = 7,  ///< an SDO abort (text supplied)
+    kErrSrcSdoInternal = 8, ///< the SDO abort 0x06040047
+    kErrSrcSdoAlla = 9,   ///< the SDO abort whose code bytes read "ALLA"
     kErrSrcTcp = 10,      ///< the TCP socket layer (text supplied)
     kErrSrcTcpLink = 11,  ///< the TCP link's coded result
 };
@@ -166,6 +170,8 @@ protected:
     /// Sets the state-changed flag for "MO=1", "XQ" and "DL" lines.
     void NoteStateChange(const std::string& command);
 
+    /// The transaction lock, for a link's own transfers outside SendCommand.
+    std::recursive_mutex& TransactionLock() { return m_csTransaction; }
     void SetConnected(bool connected) { m_nConnected = connected ? 1 : 0; }
     void SetLinkBroken(bool broken) { m_nLinkBroken = broken ? 1 : 0; }
 

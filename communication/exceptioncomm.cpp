@@ -53,10 +53,10 @@ std::string Filled(std::int32_t code, std::int32_t source, const std::string& me
         if (code == -1)
             return message.empty() ? "Unknown Error" : message;
         return "Unknown Error Code";
-    case 2:
-    case 3:
-    case 6:
-    case 7:
+    case kErrSrcLink:
+    case kErrSrcDrive:
+    case kErrSrcCanDrive:
+    case kErrSrcSdoAbort:
         return message.empty() ? "Unknown Error" : message;
     case kErrSrcTcp:
         return message.empty() ? "TCP Critical Error." : message;

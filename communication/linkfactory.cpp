@@ -1,5 +1,6 @@
 #include "communication/linkfactory.h"
 
+#include "can/can.h"
 #include "communication/rs232.h"
 #include "communication/tcp.h"
 
@@ -15,6 +16,8 @@ std::unique_ptr<CCommunication> CreateLink(const CCommunicationInfo& info, const
             link->SetDevicePath(options.sSerialPath);
         return link;
     }
+    case kKindCan:
+        return std::make_unique<CCan>(info);
     case kKindTcp:
     case kKindTcpKmas:
         return std::make_unique<CTCP>(info, options.wTcpPort);

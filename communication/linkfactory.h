@@ -1,5 +1,5 @@
 // Makes the link a descriptor asks for: CRs232 for "RS_232"/"RS_485",
-// CTCP for "TCP"/"TCP_KMAS". The link is not yet connected.
+// CCan for "CAN", CTCP for "TCP"/"TCP_KMAS". The link is not yet connected.
 #pragma once
 
 #include <cstdint>

@@ -38,9 +38,9 @@ public:
     /// The descriptor the options name, and what the link needs beside it.
     /// Throws UsageError when the options are missing or contradict.
     std::pair<CCommunicationInfo, LinkOptions> Resolve();
-    /// A connected, identified link; the descriptor is stored as the last
-    /// connection that succeeded.
-    std::unique_ptr<CCommunication> Connect();
+    /// A connected link, identified unless bIdentify is false; the
+    /// descriptor is stored as the last connection that succeeded.
+    std::unique_ptr<CCommunication> Connect(bool bIdentify = true);
     /// The time-out of each command, in milliseconds.
     std::uint32_t TimeoutMs() const { return m_nTimeoutMs; }
     /// True when any option names a connection.
@@ -58,8 +58,18 @@ public:
     bool m_bNoEchoCheck = false;
     bool m_bYes = false;
     bool m_bNo = false;
+    std::string m_sCan;          ///< slcan:PATH or socketcan:IFACE
+    unsigned m_nNode = 0;        ///< 0 = not given
+    unsigned m_nBitrateKbit = 1000;
+    bool m_bTraceFrames = false;
 
 private:
+    // The CAN options live in cmd_can.cpp.
+    void AddCanOptionsTo(CLI::App& app, const char* group);
+    void ResolveCan(CCommunicationInfo& info);
+    void PrepareCanLink(CCommunication& link);
+    std::string CanConnectError(CCommunication& link) const;
+
     std::shared_ptr<void> m_pEmbeddedDrive; // keeps the --sim drive alive
 };
 
@@ -83,5 +93,7 @@ void RegisterInfoCommand(CLI::App& app, CCliContext& context);
 void RegisterConnCommand(CLI::App& app, CCliContext& context);
 void RegisterSimCommand(CLI::App& app, CCliContext& context);
 void RegisterDemoCommand(CLI::App& app, CCliContext& context);
+void RegisterSdoCommand(CLI::App& app, CCliContext& context);
+void RegisterCanCommand(CLI::App& app, CCliContext& context);
 
 } // namespace tessitor::cli

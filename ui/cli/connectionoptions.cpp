@@ -46,6 +46,7 @@ void CConnectionOptions::AddTo(CLI::App& app)
         ->group(group);
     app.add_option("--target", m_sTarget, "Drive behind the network device: \"RS232 Port N\" or \"CANopen Bus B NodeID N\"")
         ->group(group);
+    AddCanOptionsTo(app, group);
     app.add_flag("--sim", m_bSim, "A virtual drive in this process, on a pseudo-terminal")->group(group);
     app.add_option("--product", m_sProduct, "Product of the --sim drive")->default_val("Talvina")->group(group);
     app.add_option("--timeout", m_nTimeoutMs, "Time-out of each command in milliseconds")
@@ -60,18 +61,22 @@ void CConnectionOptions::AddTo(CLI::App& app)
 
 bool CConnectionOptions::AnyGiven() const
 {
-    return !m_sSerialPath.empty() || !m_sConnLine.empty() || m_bLast || !m_sTcp.empty() || m_bSim;
+    return !m_sSerialPath.empty() || !m_sConnLine.empty() || m_bLast || !m_sTcp.empty() || m_bSim || !m_sCan.empty();
 }
 
 std::pair<CCommunicationInfo, LinkOptions> CConnectionOptions::Resolve()
 {
-    int given = (!m_sSerialPath.empty()) + (!m_sConnLine.empty()) + m_bLast + (!m_sTcp.empty()) + m_bSim;
+    int given = (!m_sSerialPath.empty()) + (!m_sConnLine.empty()) + m_bLast + (!m_sTcp.empty()) + m_bSim
+        + (!m_sCan.empty());
     if (given == 0)
-        throw UsageError("no connection given: use --serial PATH, --conn LINE, --last, --tcp HOST[:PORT] or --sim");
+        throw UsageError("no connection given: use --serial PATH, --can ADAPTER --node N, --conn LINE, --last, "
+                         "--tcp HOST[:PORT] or --sim");
     if (given > 1)
-        throw UsageError("give one connection only: --serial, --conn, --last, --tcp or --sim");
+        throw UsageError("give one connection only: --serial, --can, --conn, --last, --tcp or --sim");
     if (!m_sTarget.empty() && m_sTcp.empty())
         throw UsageError("--target goes with --tcp");
+    if (m_nNode != 0 && m_sCan.empty())
+        throw UsageError("--node goes with --can");
 
     CCommunicationInfo info;
     LinkOptions options;
@@ -83,6 +88,8 @@ std::pair<CCommunicationInfo, LinkOptions> CConnectionOptions::Resolve()
             info.nPort = static_cast<std::uint8_t>(SerialPortNumberFor(m_sSerialPath, settings));
             options.sSerialPath = m_sSerialPath;
         }
+    } else if (!m_sCan.empty()) {
+        ResolveCan(info);
     } else if (!m_sConnLine.empty()) {
         if (!info.FromLine(m_sConnLine))
             throw UsageError("malformed one-line form: '" + m_sConnLine + "'");
@@ -114,7 +121,7 @@ std::pair<CCommunicationInfo, LinkOptions> CConnectionOptions::Resolve()
     return {info, options};
 }
 
-std::unique_ptr<CCommunication> CConnectionOptions::Connect()
+std::unique_ptr<CCommunication> CConnectionOptions::Connect(bool bIdentify)
 {
     auto [info, options] = Resolve();
     if (m_bSim) {
@@ -133,7 +140,10 @@ std::unique_ptr<CCommunication> CConnectionOptions::Connect()
     std::unique_ptr<CCommunication> link = CreateLink(info, options);
     link->SetCheckEcho(m_bNoEchoCheck ? 0 : 1);
     link->SetEchoMode(m_bNoEchoCheck ? 1 : 0);
+    PrepareCanLink(*link);
     if (int error = link->Connect()) {
+        if (info.GetKind() == kKindCan)
+            throw ConnectError("Create Communication Device Fault. " + CanConnectError(*link));
         std::string where = options.sSerialPath.empty() ? info.GetDisplayText() : options.sSerialPath;
         std::string why;
         if (info.GetKind() == kKindTcp || info.GetKind() == kKindTcpKmas)
@@ -142,7 +152,8 @@ std::unique_ptr<CCommunication> CConnectionOptions::Connect()
             why = std::strerror(error);
         throw ConnectError("Create Communication Device Fault. " + where + ": " + why);
     }
-    link->Identify();
+    if (bIdentify)
+        link->Identify();
 
     if (!m_bSim) {
         Settings settings = Settings::User();

@@ -17,6 +17,7 @@ int main(int argc, char** argv)
                "  tessitor --sim send VR \"KP[1]\"            a virtual drive, no hardware needed\n"
                "  tessitor send --serial /dev/ttyUSB0 MO=1 PX\n"
                "  tessitor info --tcp 192.168.0.20 --target \"RS232 Port 1\"\n"
+               "  tessitor --can slcan:/dev/ttyACM0 --node 5 sdo upload 0x1008 0\n"
                "  tessitor term --last\n\n"
                "Exit status: 0 done; 1 the drive or the link failed (the error's message on stderr);\n"
                "2 wrong usage.\n"
@@ -34,6 +35,8 @@ int main(int argc, char** argv)
     RegisterConnCommand(app, context);
     RegisterSimCommand(app, context);
     RegisterDemoCommand(app, context);
+    RegisterSdoCommand(app, context);
+    RegisterCanCommand(app, context);
 
     try {
         app.parse(argc, argv);

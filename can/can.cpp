@@ -1,0 +1,396 @@
+#include "can/can.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <source_location>
+
+#include "can/canadapterchoice.h"
+#include "can/sdoprotocol.h"
+#include "core/settings.h"
+#include "core/trace.h"
+#include "core/ui.h"
+#include "core/window.h"
+
+namespace tessitor {
+namespace {
+
+constexpr std::uint32_t kDriveErrorTimeoutMs = 500; // the "EC" after a general abort
+
+// Protocol violations and aborts go to the trace with where they were found.
+void LogAt(const char* text, std::source_location where = std::source_location::current())
+{
+    const char* file = std::strrchr(where.file_name(), '/');
+    Trace::Printf("%s(%u) : %s", file ? file + 1 : where.file_name(), static_cast<unsigned>(where.line()), text);
+}
+
+CanMessage Message(std::uint16_t cobId, std::uint8_t* data)
+{
+    return CanMessage{cobId, 8, data};
+}
+
+} // namespace
+
+CCan::CCan(const CCommunicationInfo& info) : CCommunication(info) {}
+
+CCan::~CCan()
+{
+    std::lock_guard lock(m_csAdapter);
+    if (m_pAdapter) {
+        if (m_nMonitorId)
+            m_pAdapter->RemoveMonitor(m_nMonitorId);
+        m_pAdapter->DetachNode(NodeId());
+    }
+    m_pAdapter.reset();
+    SetConnected(false);
+}
+
+std::string CCan::DeviceName() const
+{
+    return ChooseCanAdapter(m_Info, Settings::User()).Name() + " node " + std::to_string(NodeId());
+}
+
+std::string CCan::ConnectError() const
+{
+    std::lock_guard lock(m_csAdapter);
+    return m_sConnectError;
+}
+
+void CCan::SetFrameMonitor(CCanAdapter::Monitor monitor)
+{
+    std::lock_guard lock(m_csAdapter);
+    m_fnMonitor = std::move(monitor);
+}
+
+int CCan::Connect()
+{
+    CanAdapterChoice choice = ChooseCanAdapter(m_Info, Settings::User());
+    std::shared_ptr<CCanAdapter> adapter = AcquireCanAdapter(choice);
+    std::lock_guard lock(m_csAdapter);
+    if (m_pAdapter)
+        return 0;
+    adapter->AttachNode(NodeId());
+    if (m_fnMonitor)
+        m_nMonitorId = adapter->AddMonitor(m_fnMonitor);
+    if (int error = adapter->Open(m_Info.mBaudRateIndex)) {
+        m_sConnectError = choice.Name() + ": " + adapter->LastError();
+        if (m_nMonitorId)
+            adapter->RemoveMonitor(m_nMonitorId);
+        m_nMonitorId = 0;
+        adapter->DetachNode(NodeId());
+        return error;
+    }
+    m_sConnectError.clear();
+    m_pAdapter = std::move(adapter);
+    SetConnected(true);
+    SetLinkBroken(false);
+    return 0;
+}
+
+void CCan::Disconnect()
+{
+    CCommunication::Disconnect();
+    SetLinkBroken(true);
+    SetConnected(false);
+    std::lock_guard lock(m_csAdapter);
+    if (!m_pAdapter)
+        return;
+    if (m_nMonitorId)
+        m_pAdapter->RemoveMonitor(m_nMonitorId);
+    m_nMonitorId = 0;
+    m_pAdapter->DetachNode(NodeId());
+    m_pAdapter.reset();
+}
+
+int CCan::Exchange(const std::string& command, std::string& reply, std::uint32_t /*timeoutMs*/,
+                   std::int32_t /*checkEcho*/)
+{
+    // Drive commands over CAN come with the command classification.
+    Trace::Printf("CCan::Exchange: '%s' has no CAN transfer yet\n", command.c_str());
+    reply.clear();
+    return COM_NOT_IMPLEMENTED;
+}
+
+void CCan::CheckConnected()
+{
+    if (!IsConnected())
+        throw CExceptionComm(3, this, kErrSrcSetup);
+}
+
+// ---------------------------------------------------------------- adapter layer
+
+void CCan::SendFrame(const CanMessage& frame)
+{
+    std::shared_ptr<CCanAdapter> adapter;
+    {
+        std::lock_guard lock(m_csAdapter);
+        adapter = m_pAdapter;
+    }
+    if (!adapter)
+        throw CExceptionComm(3, this, kErrSrcSetup);
+    if (!frame.pData)
+        throw CExceptionComm(COM_BUFFER_NULL, this, kErrSrcCan);
+    // A late answer to an earlier request must not pass for this one's.
+    const std::uint16_t function = frame.wCobId & kCobFunctionMask;
+    const std::uint8_t node = frame.wCobId & kCobNodeMask;
+    if (function == kCobSdoRequest)
+        adapter->Purge(kCobSdoResponse, node);
+    else if (function == kCobRpdo2)
+        adapter->Purge(kCobTpdo2, node);
+    int result = adapter->SendFrame(MakeCanFrame(frame.wCobId, frame.pData, static_cast<std::uint8_t>(frame.wLength)));
+    if (result != COM_OK)
+        throw CExceptionComm(result, this, kErrSrcCan);
+}
+
+void CCan::ReceiveFrom(std::uint16_t function, CanMessage& frame, std::uint32_t timeoutMs)
+{
+    std::shared_ptr<CCanAdapter> adapter;
+    {
+        std::lock_guard lock(m_csAdapter);
+        adapter = m_pAdapter;
+    }
+    if (!adapter)
+        throw CExceptionComm(3, this, kErrSrcSetup);
+    if (!frame.pData)
+        throw CExceptionComm(COM_BUFFER_NULL, this, kErrSrcCan);
+    CanFrame received;
+    int result = adapter->ReceiveFrame(function, NodeId(), received, timeoutMs);
+    if (result != COM_OK) {
+        Trace::Printf("CCan: no frame 0x%03X from node %d within %u ms (%d)\n", function + NodeId(), NodeId(),
+                      timeoutMs, result);
+        throw CExceptionComm(result, this, kErrSrcCan);
+    }
+    frame.wCobId = static_cast<std::uint16_t>(received.nId);
+    frame.wLength = received.nLength;
+    std::memcpy(frame.pData, received.abData.data(), 8);
+}
+
+void CCan::ReceivePdoFrame(CanMessage& frame, std::uint32_t timeoutMs)
+{
+    ReceiveFrom(kCobTpdo2, frame, timeoutMs);
+}
+
+void CCan::ReceiveSdoFrame(CanMessage& frame, std::uint32_t timeoutMs)
+{
+    ReceiveFrom(kCobSdoResponse, frame, timeoutMs);
+}
+
+// ---------------------------------------------------------------- SDO client
+
+void CCan::SDO_InitUploadRequest(std::uint16_t cobId, std::uint16_t index, std::uint8_t sub)
+{
+    sdo::Frame request = sdo::InitUploadRequest(index, sub);
+    SendFrame(Message(cobId, request.data()));
+}
+
+void CCan::InitiateUpload(std::uint16_t cobId, std::uint16_t index, std::uint8_t sub, std::uint8_t* response,
+                          std::uint32_t timeoutMs, const char* abortLog)
+{
+    SDO_InitUploadRequest(cobId, index, sub);
+    CanMessage answer = Message(cobId, response);
+    std::fill(response, response + 8, 0);
+    ReceiveSdoFrame(answer, timeoutMs);
+    if (sdo::Specifier(response[0]) == sdo::kCsAbort) {
+        LogAt(abortLog);
+        SDO_Abort(response + 4);
+    }
+}
+
+void CCan::SDO_UpLoad(std::uint16_t cobId, std::uint16_t index, std::uint8_t sub, std::string& text,
+                      std::uint32_t timeoutMs)
+{
+    text.clear();
+    sdo::Frame response{};
+    InitiateUpload(cobId, index, sub, response.data(), timeoutMs, "Abort was occured in init SDO upload \n");
+    if (sdo::Specifier(response[0]) != sdo::kScsInitUpload)
+        return;
+    if (sdo::Expedited(response[0])) {
+        // Four characters whatever n says: what the drive commands expect.
+        text.assign(reinterpret_cast<const char*>(response.data() + 4), 4);
+        return;
+    }
+    SDO_UpLoadSegments(cobId, text, timeoutMs);
+}
+
+void CCan::SDO_UpLoadSegments(std::uint16_t cobId, std::string& text, std::uint32_t timeoutMs)
+{
+    int toggle = 0;
+    for (;;) {
+        sdo::Frame frame = sdo::UploadSegmentRequest(toggle);
+        SendFrame(Message(cobId, frame.data()));
+        frame.fill(0);
+        CanMessage answer = Message(cobId, frame.data());
+        ReceiveSdoFrame(answer, timeoutMs);
+        if (sdo::Specifier(frame[0]) == sdo::kCsAbort) {
+            LogAt("Abort was occured in the segmented part of SDO upload \n");
+            SDO_Abort(frame.data() + 4);
+        }
+        const int used = 7 - sdo::SegmentUnused(frame[0]);
+        text.append(reinterpret_cast<const char*>(frame.data() + 1), static_cast<std::size_t>(used));
+        // The next toggle follows the segment received, not the one asked
+        // for: a server that repeats a toggle is not refused here.
+        toggle = sdo::Toggle(frame[0]) ^ 1;
+        if (sdo::LastSegment(frame[0]))
+            return;
+    }
+}
+
+void CCan::SDO_UpLoadRecord(std::uint16_t cobId, std::uint16_t index, std::uint8_t sub, const std::string& command,
+                            std::string& record, std::uint32_t timeoutMs, Window* progress)
+{
+    record.clear();
+    Trace::Printf("SDO_UpLoadRecord : %s from 0x%04X sub-index %d\n", command.c_str(), index, sub);
+    sdo::Frame response{};
+    InitiateUpload(cobId, index, sub, response.data(), timeoutMs,
+                   "SDO_UpLoadRecord : Abort was occured in init SDO upload \n");
+    if (sdo::Specifier(response[0]) != sdo::kScsInitUpload)
+        return;
+    if (sdo::Expedited(response[0])) {
+        LogAt("SDO_UpLoadRecord : Error: The response contains transfer type expedited in SDO segmented upload.\n");
+        throw CExceptionComm(-1, this, kErrSrcCan,
+                             "Error:\nThe response contains transfer type expedited in SDO segmented upload.");
+    }
+    SDO_Rx_Array(cobId, record, timeoutMs, progress);
+}
+
+void CCan::SDO_Rx_Array(std::uint16_t cobId, std::string& record, std::uint32_t timeoutMs, Window* progress)
+{
+    int toggle = 0;
+    int segments = 0;
+    for (;;) {
+        sdo::Frame frame = sdo::UploadSegmentRequest(toggle);
+        SendFrame(Message(cobId, frame.data()));
+        frame.fill(0);
+        CanMessage answer = Message(cobId, frame.data());
+        ReceiveSdoFrame(answer, timeoutMs);
+        if (sdo::Specifier(frame[0]) == sdo::kCsAbort) {
+            LogAt("SDO_Rx_Array : Abort was occured in the segmented part of  SDO upload \n");
+            SDO_Abort(frame.data() + 4);
+        }
+        if (sdo::Toggle(frame[0]) != toggle) {
+            LogAt("SDO_Rx_Array : Toggle bit error in the segmented part of  SDO upload \n");
+            throw CExceptionComm(-1, this, kErrSrcCan, "Error: Toggle bit error in the segmented part of  SDO upload.");
+        }
+        const int used = 7 - sdo::SegmentUnused(frame[0]);
+        record.append(reinterpret_cast<const char*>(frame.data() + 1), static_cast<std::size_t>(used));
+        if (++segments % kRecordProgressSegments == 0 && progress)
+            progress->PostMessage(kMsgSdoProgress, 0, 0);
+        toggle ^= 1;
+        if (sdo::LastSegment(frame[0]))
+            return;
+    }
+}
+
+void CCan::SDO_DownLoad(std::uint16_t cobId, std::uint16_t index, std::uint8_t sub, const std::uint8_t* data,
+                        std::uint32_t length, std::uint32_t timeoutMs, Window* progress)
+{
+    if (length <= 4) {
+        sdo::Frame frame = sdo::ExpeditedDownload(index, sub, data, length);
+        CanMessage message = Message(cobId, frame.data());
+        SDO_TxConfirmed(cobId, message, timeoutMs);
+        return;
+    }
+    if (progress)
+        progress->SendMessage(kMsgSdoStart, length, sdo::kBytesPerSegment);
+    sdo::Frame frame = sdo::InitSegmentedDownload(index, sub, length);
+    CanMessage message = Message(cobId, frame.data());
+    SDO_TxConfirmed(cobId, message, timeoutMs);
+    int toggle = 0;
+    for (std::uint32_t offset = 0; offset < length; offset += sdo::kBytesPerSegment) {
+        const std::uint32_t count = std::min(length - offset, sdo::kBytesPerSegment);
+        frame = sdo::DownloadSegment(toggle, data + offset, count, offset + count >= length);
+        message = Message(cobId, frame.data());
+        SDO_TxConfirmed(cobId, message, timeoutMs);
+        toggle ^= 1;
+        if (progress)
+            progress->SendMessage(kMsgSdoProgress, 0, 0);
+    }
+    if (progress)
+        progress->SendMessage(kMsgSdoDone, 0, 0);
+}
+
+void CCan::SDO_TxConfirmed(std::uint16_t /*cobId*/, CanMessage& frame, std::uint32_t timeoutMs)
+{
+    SendFrame(frame);
+    std::fill(frame.pData, frame.pData + 8, 0);
+    ReceiveSdoFrame(frame, timeoutMs);
+    SDO_Rx_confirm(frame);
+}
+
+void CCan::SDO_Rx_confirm(const CanMessage& frame)
+{
+    // Only an abort is refused: the specifier and toggle of a confirmation
+    // are not checked, as drives have always been served.
+    if (sdo::Specifier(frame.pData[0]) == sdo::kCsAbort) {
+        LogAt("SDO_Rx_confirm() : The Abort was occured in SDO \n");
+        SDO_Abort(frame.pData + 4);
+    }
+}
+
+void CCan::SDO_Abort(const std::uint8_t* code)
+{
+    sdo::Frame bytes{};
+    std::copy(code, code + 4, bytes.begin() + 4);
+    const std::uint32_t value = sdo::Value32(bytes);
+    std::string text;
+    SdoAbortMessage(value, text, 0);
+    std::int32_t source = kErrSrcSdoAbort;
+    if (value == sdo::kAbortInternalIncompatibility)
+        source = kErrSrcSdoInternal;
+    else if (value == sdo::kAbortAlla)
+        source = kErrSrcSdoAlla;
+    throw CExceptionComm(-1, this, source, text);
+}
+
+void CCan::SdoAbortMessage(std::uint32_t code, std::string& text, int show)
+{
+    text = sdo::AbortText(code);
+    if (code == sdo::kAbortGeneralError) {
+        // The drive keeps the reason of a general abort: ask it.
+        try {
+            std::string reply;
+            SendCommand("EC", reply, kDriveErrorTimeoutMs, 0);
+            if (!reply.empty()) {
+                std::string value = reply.substr(reply.find('=') == std::string::npos ? 0 : reply.find('=') + 1);
+                text += GetDriveErrorText(std::atoi(value.c_str()));
+            }
+        } catch (const CExceptionComm& e) {
+            Trace::Printf("CCan::SdoAbortMessage: EC failed (%d)\n", e.m_nErrorCode);
+        }
+    }
+    if (show && text.size() > 0)
+        Ui::Current().MessageBox(nullptr, text, "Tessitor", MB_OK | MB_ICONWARNING);
+}
+
+// ---------------------------------------------------------------- tools
+
+void CCan::SdoUpload(std::uint16_t index, std::uint8_t sub, std::string& data, std::uint32_t timeoutMs)
+{
+    CheckConnected();
+    std::lock_guard lock(TransactionLock());
+    const std::uint16_t cobId = SdoRequestCobId();
+    data.clear();
+    sdo::Frame response{};
+    InitiateUpload(cobId, index, sub, response.data(), timeoutMs, "Abort was occured in init SDO upload \n");
+    if (sdo::Specifier(response[0]) != sdo::kScsInitUpload) {
+        LogAt("SdoUpload : unexpected response to the initiate upload \n");
+        throw CExceptionComm(COM_BAD_DATA, this, kErrSrcCan);
+    }
+    if (!sdo::Expedited(response[0])) {
+        SDO_UpLoadSegments(cobId, data, timeoutMs);
+        return;
+    }
+    std::size_t size = sdo::SizeIndicated(response[0]) ? 4 - static_cast<std::size_t>(sdo::InitUnused(response[0])) : 4;
+    data.assign(reinterpret_cast<const char*>(response.data() + 4), size);
+}
+
+void CCan::SdoDownload(std::uint16_t index, std::uint8_t sub, const std::string& data, std::uint32_t timeoutMs,
+                       Window* progress)
+{
+    CheckConnected();
+    std::lock_guard lock(TransactionLock());
+    SDO_DownLoad(SdoRequestCobId(), index, sub, reinterpret_cast<const std::uint8_t*>(data.data()),
+                 static_cast<std::uint32_t>(data.size()), timeoutMs, progress);
+}
+
+} // namespace tessitor

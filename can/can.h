@@ -1,0 +1,125 @@
+// The CAN link: a drive reached through a CAN adapter (canadapter.h), with
+// the CANopen SDO client that reads and writes its object dictionary on the
+// node's default SDO channel (requests 0x600 + node, responses 0x580 +
+// node). Every failure is thrown as CCommunication::CExceptionComm: a
+// missing response is code 1 (error source 4), an SDO abort carries its text
+// ("SDO Abort:\n...") with error source 7, 8 or 9, a protocol violation its
+// text with error source 4.
+//
+//   CCan link(info);                      // "CAN", maker "SLCAN", board "/dev/ttyACM0", node 5
+//   if (int err = link.Connect()) ... link.ConnectError()
+//   std::string name;
+//   link.SdoUpload(0x1008, 0, name, 1000);   // the device name
+//   link.SdoDownload(0x2000, 1, "text", 1000);
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "can/canadapter.h"
+#include "can/canmessage.h"
+#include "communication/communication.h"
+
+namespace tessitor {
+
+class Window;
+
+/// Progress messages of a transfer to its progress window.
+constexpr unsigned kMsgSdoProgress = 0x401; ///< a segment (download) or 20 segments (record upload)
+constexpr unsigned kMsgSdoStart = 0x402;    ///< a segmented download begins: wParam bytes, lParam per segment
+constexpr unsigned kMsgSdoDone = 0x403;     ///< the download is done
+/// Segments of a record upload between two progress messages.
+constexpr int kRecordProgressSegments = 20;
+
+class CCan : public CCommunication {
+public:
+    explicit CCan(const CCommunicationInfo& info);
+    /// Lets go of the adapter (closed with the last link that uses it).
+    ~CCan() override;
+
+    /// Opens the descriptor's adapter at its bit rate; 0 or an errno value
+    /// (ConnectError says it in words).
+    int Connect() override;
+    /// Tells the listeners, marks the link broken, lets go of the adapter.
+    void Disconnect() override;
+    /// "slcan:/dev/ttyACM0 node 5".
+    std::string DeviceName() const override;
+    /// Why the last Connect failed, naming the device.
+    std::string ConnectError() const;
+
+    /// Told of every frame this link's adapter sends and receives, from the
+    /// next Connect on (the command line's --trace-frames).
+    void SetFrameMonitor(CCanAdapter::Monitor monitor);
+    std::uint8_t NodeId() const { return m_Info.mNodeID; }
+    /// The node's SDO request COB-ID, 0x600 + node.
+    std::uint16_t SdoRequestCobId() const { return static_cast<std::uint16_t>(kCobSdoRequest + NodeId()); }
+
+    /// Reads object index/sub of the node as the server sends it (an
+    /// expedited value cut to its indicated size), inside the transaction
+    /// lock. Throws as the link does.
+    void SdoUpload(std::uint16_t index, std::uint8_t sub, std::string& data, std::uint32_t timeoutMs);
+    /// Writes data to object index/sub of the node, inside the transaction
+    /// lock; progress (not owned, may be null) gets the download messages.
+    void SdoDownload(std::uint16_t index, std::uint8_t sub, const std::string& data, std::uint32_t timeoutMs,
+                     Window* progress = nullptr);
+
+    // The SDO client. cobId is the node's request COB-ID; each wait for a
+    // response frame gets timeoutMs unchanged.
+    /// Sends the initiate-upload request (byte 0 = 0x40).
+    void SDO_InitUploadRequest(std::uint16_t cobId, std::uint16_t index, std::uint8_t sub);
+    /// Reads one object as text: an expedited value is always its four data
+    /// bytes, whatever n says; a response of another kind leaves text empty.
+    void SDO_UpLoad(std::uint16_t cobId, std::uint16_t index, std::uint8_t sub, std::string& text,
+                    std::uint32_t timeoutMs);
+    /// The segment loop of a text upload; the received toggle is not checked.
+    void SDO_UpLoadSegments(std::uint16_t cobId, std::string& text, std::uint32_t timeoutMs);
+    /// Reads a recorded-data record (command is what asked for it, for the
+    /// trace); it must come segmented. record gets the bytes of all segments.
+    void SDO_UpLoadRecord(std::uint16_t cobId, std::uint16_t index, std::uint8_t sub, const std::string& command,
+                          std::string& record, std::uint32_t timeoutMs, Window* progress);
+    /// The segment loop of a record upload: toggles checked, progress posted
+    /// every kRecordProgressSegments segments.
+    void SDO_Rx_Array(std::uint16_t cobId, std::string& record, std::uint32_t timeoutMs, Window* progress);
+    /// Writes length bytes: expedited up to 4, else segmented with progress.
+    void SDO_DownLoad(std::uint16_t cobId, std::uint16_t index, std::uint8_t sub, const std::uint8_t* data,
+                      std::uint32_t length, std::uint32_t timeoutMs, Window* progress);
+    /// Sends frame and waits once for the response (left in frame).
+    void SDO_TxConfirmed(std::uint16_t cobId, CanMessage& frame, std::uint32_t timeoutMs);
+    /// Throws when frame is an abort; any other response confirms.
+    void SDO_Rx_confirm(const CanMessage& frame);
+    /// Throws the abort whose code the 4 bytes hold (little endian).
+    [[noreturn]] void SDO_Abort(const std::uint8_t* code);
+    /// text = the abort's text; for 0x08000000 the drive's own error ("EC")
+    /// is added. show: also show a non-empty text in a message box.
+    void SdoAbortMessage(std::uint32_t code, std::string& text, int show);
+
+    // The adapter layer, in the system's slot order. A missing frame throws
+    // code 1, a device that is gone code 3, both with error source 4.
+    /// The next frame of the node's second transmit PDO (0x280 + node).
+    virtual void ReceivePdoFrame(CanMessage& frame, std::uint32_t timeoutMs);
+    /// The next SDO response of the node (0x580 + node).
+    virtual void ReceiveSdoFrame(CanMessage& frame, std::uint32_t timeoutMs);
+    /// Sends one frame; a request's stale answers are dropped first.
+    virtual void SendFrame(const CanMessage& frame);
+
+protected:
+    int Exchange(const std::string& command, std::string& reply, std::uint32_t timeoutMs,
+                 std::int32_t checkEcho) override;
+
+private:
+    void ReceiveFrom(std::uint16_t function, CanMessage& frame, std::uint32_t timeoutMs);
+    void CheckConnected();
+    /// The initiate-upload exchange shared by the uploads; response in frame.
+    void InitiateUpload(std::uint16_t cobId, std::uint16_t index, std::uint8_t sub, std::uint8_t* response,
+                        std::uint32_t timeoutMs, const char* abortLog);
+
+    mutable std::mutex m_csAdapter;
+    std::shared_ptr<CCanAdapter> m_pAdapter;
+    CCanAdapter::Monitor m_fnMonitor;
+    int m_nMonitorId = 0;
+    std::string m_sConnectError;
+};
+
+} // namespace tessitor
