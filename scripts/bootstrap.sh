@@ -3,14 +3,18 @@
 # it installs only what is missing.
 set -euo pipefail
 packages=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev
-          libcli11-dev libedit-dev libmatio-dev)
+          libcli11-dev libedit-dev libmatio-dev
+          qemu-system-x86 busybox-static cpio xz-utils) # the SocketCAN tier in qemu
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
 done
-[ ${#missing[@]} -eq 0 ] && exit 0
-sudo=""
-[ "$(id -u)" -ne 0 ] && sudo="sudo"
-echo "bootstrap: installing ${missing[*]}" >&2
-$sudo apt-get update -qq || true
-DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}"
+if [ ${#missing[@]} -ne 0 ]; then
+    sudo=""
+    [ "$(id -u)" -ne 0 ] && sudo="sudo"
+    echo "bootstrap: installing ${missing[*]}" >&2
+    $sudo apt-get update -qq || true
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}"
+fi
+# Debian's kernel for the SocketCAN tier, downloaded (not installed) once.
+"$(dirname "$0")/socketcan-qemu.sh" --fetch || echo "bootstrap: no kernel package: the SocketCAN tier will skip" >&2
