@@ -5,13 +5,13 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <map>
 #include <net/if.h>
 #include <thread>
 
 #include "can/adapter/socketcanadapter.h"
 #include "can/can.h"
 #include "can/sdoprotocol.h"
+#include "tests/can/sdoresponder.h"
 #include "tests/support/process.h"
 
 using namespace tessitor;
@@ -32,17 +32,24 @@ CanFrame Frame(std::uint32_t id, const sdo::Frame& data)
     return MakeCanFrame(id, data.data(), 8);
 }
 
-// A CiA 301 SDO server for one node on its own socket: objects by index and
-// sub-index, expedited and segmented both ways; anything else is aborted.
-class CBusServer {
+// The test's SDO server of node 5 on its own socket.
+class CBusServer : public CSdoResponder {
 public:
     explicit CBusServer(std::map<std::uint32_t, std::string> objects)
-        : m_Adapter(Interface()), m_mapObjects(std::move(objects))
+        : CSdoResponder(std::move(objects)), m_Adapter(Interface())
     {
         m_Adapter.AttachNode(0);
         if (m_Adapter.Open(7) != 0)
             throw std::runtime_error(m_Adapter.LastError());
-        m_Thread = std::thread([this] { Serve(); });
+        m_Thread = std::thread([this] {
+            while (!m_bStop) {
+                CanFrame in;
+                if (m_Adapter.ReceiveFrame(kCobSdoRequest, kNode, in, 50) != COM_OK)
+                    continue;
+                if (auto out = Answer(in.abData))
+                    m_Adapter.SendFrame(Frame(kCobSdoResponse + kNode, *out));
+            }
+        });
     }
     ~CBusServer()
     {
@@ -50,78 +57,9 @@ public:
         m_Thread.join();
         m_Adapter.Close();
     }
-    std::string Object(std::uint16_t index, std::uint8_t sub)
-    {
-        std::lock_guard lock(m_csObjects);
-        return m_mapObjects[Key(index, sub)];
-    }
 
 private:
-    static std::uint32_t Key(std::uint16_t index, std::uint8_t sub) { return static_cast<std::uint32_t>(index) << 8 | sub; }
-
-    void Reply(const sdo::Frame& f) { m_Adapter.SendFrame(Frame(kCobSdoResponse + kNode, f)); }
-
-    void Serve()
-    {
-        std::string upload, download;
-        std::uint32_t key = 0;
-        while (!m_bStop) {
-            CanFrame in;
-            if (m_Adapter.ReceiveFrame(kCobSdoRequest, kNode, in, 50) != COM_OK)
-                continue;
-            const sdo::Frame& f = in.abData;
-            sdo::Frame out{};
-            std::copy(f.begin() + 1, f.begin() + 4, out.begin() + 1);
-            switch (sdo::Specifier(f[0])) {
-            case sdo::kCcsInitUpload: {
-                key = Key(sdo::Index(f), sdo::SubIndex(f));
-                std::lock_guard lock(m_csObjects);
-                if (!m_mapObjects.count(key)) {
-                    out[0] = sdo::kAbortCommand;
-                    out[7] = 0x06, out[6] = 0x02;
-                    break;
-                }
-                upload = m_mapObjects[key];
-                out[0] = 0x41;
-                out[4] = static_cast<std::uint8_t>(upload.size());
-                break;
-            }
-            case sdo::kCcsUploadSegment: {
-                std::size_t n = std::min<std::size_t>(7, upload.size());
-                out = sdo::Frame{};
-                out[0] = static_cast<std::uint8_t>((f[0] & 0x10) | (7 - n) << 1 | (n == upload.size() ? 1 : 0));
-                std::copy(upload.begin(), upload.begin() + static_cast<long>(n), out.begin() + 1);
-                upload.erase(0, n);
-                break;
-            }
-            case sdo::kCcsInitDownload:
-                key = Key(sdo::Index(f), sdo::SubIndex(f));
-                download.clear();
-                if (sdo::Expedited(f[0]))
-                    Store(key, std::string(f.begin() + 4, f.begin() + 8 - sdo::InitUnused(f[0])));
-                out[0] = 0x60;
-                break;
-            case sdo::kCcsDownloadSegment:
-                download.append(f.begin() + 1, f.begin() + 8 - sdo::SegmentUnused(f[0]));
-                if (sdo::LastSegment(f[0]))
-                    Store(key, download);
-                out = sdo::Frame{static_cast<std::uint8_t>(0x20 | (f[0] & 0x10))};
-                break;
-            default:
-                continue;
-            }
-            Reply(out);
-        }
-    }
-    void Store(std::uint32_t key, const std::string& value)
-    {
-        std::lock_guard lock(m_csObjects);
-        m_mapObjects[key] = value;
-    }
-
     CSocketCanAdapter m_Adapter;
-    std::mutex m_csObjects;
-    std::map<std::uint32_t, std::string> m_mapObjects;
     std::atomic<bool> m_bStop{false};
     std::thread m_Thread;
 };
