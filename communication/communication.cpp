@@ -1,12 +1,15 @@
 #include "communication/communication.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
+#include <thread>
 
 #include "communication/producttable.h"
 #include "core/settings.h"
 #include "core/trace.h"
 #include "core/ui.h"
+#include "core/window.h"
 
 namespace tessitor {
 namespace {
@@ -15,6 +18,8 @@ constexpr std::uint32_t kLongCommandTimeoutMs = 50000; // "SG", "SV": the drive 
 constexpr std::uint32_t kUploadTimeoutMs = 5000;       // "BH" uploads and "DL" lines
 constexpr std::uint32_t kLinkCheckTimeoutMs = 1000;
 constexpr std::uint32_t kIdentifyTimeoutMs = 5000;
+// The drive gets a breath between the chunks of an upload.
+constexpr auto kRecordChunkPause = std::chrono::milliseconds(10);
 constexpr char kEchoProbe[] = "\\COMMUNICATION";
 constexpr char kDontCheckEcho[] = "Don't Check Echo";
 
@@ -42,6 +47,14 @@ CCommunication::CCommunication(const CCommunicationInfo& info)
 
 CCommunication::~CCommunication()
 {
+    NotifyDestroy();
+}
+
+void CCommunication::NotifyDestroy()
+{
+    if (m_bDestroyNotified)
+        return;
+    m_bDestroyNotified = true;
     for (size_t i = m_arListenersCom.size(); i-- > 0;) {
         CListenerComm* listener = nullptr;
         {
@@ -185,6 +198,51 @@ int CCommunication::SendCommandGetValue(const std::string& command, std::string&
 int CCommunication::SendCommandGetReply(const std::string& command, std::string& reply, std::uint32_t timeoutMs)
 {
     return SendCommand(command, reply, timeoutMs, 0);
+}
+
+int CCommunication::UploadRecordedData(std::int32_t length, std::uint32_t mask, CSampleStore& store,
+                                       Window* pProgress, const std::atomic<std::int32_t>* pAbort)
+{
+    std::int32_t chunk = std::min(kRecordChunkSamples, length);
+    std::int32_t start = 0;
+    std::int32_t first = 0;
+    while (start < length) {
+        std::this_thread::sleep_for(kRecordChunkPause);
+        if (pAbort && pAbort->load() == 1)
+            return 0;
+        start += chunk;
+        std::string text;
+        for (int send = 1;; ++send) {
+            if (send > 1)
+                Trace::Printf("BH command was repeat %d times\n", send - 1);
+            ReadRecordChunk(mask, static_cast<std::uint32_t>(first), static_cast<std::uint32_t>(start - 1), send,
+                            text);
+            if (store.AppendChunk(text))
+                break;
+            if (send == kRecordChunkSends)
+                return -5;
+        }
+        chunk = chunk < length - start ? chunk : length - start;
+        if (pProgress)
+            pProgress->PostMessage(kMsgRecProgress, 0, 0);
+        first = start;
+    }
+    return 0;
+}
+
+void CCommunication::ReadRecordChunk(std::uint32_t mask, std::uint32_t first, std::uint32_t last, int send,
+                                     std::string& chunk)
+{
+    std::string ignored;
+    auto value = [&](const std::string& command, std::string& out) {
+        if (SendCommandGetValue(command, out, kUploadTimeoutMs) != 0)
+            throw CExceptionComm(3, this, kErrSrcSetup); // the link check found the link broken
+    };
+    if (send == 1) {
+        value("RP[8]=" + std::to_string(first), ignored);
+        value("RP[9]=" + std::to_string(last), ignored);
+    }
+    value("BH=" + std::to_string(mask), chunk);
 }
 
 std::int32_t CCommunication::CheckLink()

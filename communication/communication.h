@@ -18,10 +18,12 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "communication/communicationinfo.h"
 #include "communication/driveerrortable.h"
+#include "communication/samplestore.h"
 
 namespace tessitor {
 
@@ -96,8 +98,15 @@ public:
 
     class CNetManager;
 
+    /// Largest chunk of a recorded-data upload, in samples.
+    static constexpr std::int32_t kRecordChunkSamples = 100;
+    /// Sends of one chunk before an upload gives up with -5.
+    static constexpr int kRecordChunkSends = 10;
+
     explicit CCommunication(const CCommunicationInfo& info);
-    /// Calls OnCommunicationDestroy on every listener, last to first.
+    /// Tells the listeners (OnCommunicationDestroy, last to first) unless
+    /// the derived link already did: each link's own destructor calls
+    /// NotifyDestroy() first, while the link is still whole.
     virtual ~CCommunication();
     CCommunication(const CCommunication&) = delete;
     CCommunication& operator=(const CCommunication&) = delete;
@@ -118,6 +127,15 @@ public:
     virtual int SendCommandGetValue(const std::string& command, std::string& value, std::uint32_t timeoutMs);
     /// Sends command and stores the whole reply (echo included); 0.
     virtual int SendCommandGetReply(const std::string& command, std::string& reply, std::uint32_t timeoutMs);
+    /// Uploads a recording: length samples of the signals in mask, in
+    /// chunks of at most kRecordChunkSamples, each handed to store. After
+    /// each chunk posts kMsgRecProgress to pProgress (may be null). Before
+    /// each chunk checks *pAbort (may be null) and returns 0 at once when
+    /// it reads 1. Returns 0, or -5 when a chunk did not decode in
+    /// kRecordChunkSends sends; samples already appended stay. Link
+    /// failures are thrown.
+    virtual int UploadRecordedData(std::int32_t length, std::uint32_t mask, CSampleStore& store, Window* pProgress,
+                                   const std::atomic<std::int32_t>* pAbort);
 
     /// One raw transaction; 0 or a thrown CExceptionComm. force lets the
     /// command through while the time-out latch is set.
@@ -147,6 +165,9 @@ public:
     /// device path, "host:port target", a CAN node. Default: the
     /// descriptor's display text.
     virtual std::string DeviceName() const { return m_Info.GetDisplayText(); }
+    /// Why the last Connect failed, in the link's own words (the device and
+    /// what went wrong); empty after a success.
+    const std::string& GetConnectError() const { return m_sConnectError; }
     bool IsConnected() const { return m_nConnected != 0; }
     bool IsLinkBroken() const { return m_nLinkBroken != 0; }
     bool IsTimeoutLatched() const { return m_nTimeoutLatch != 0; }
@@ -157,6 +178,15 @@ public:
     void SetEchoMode(std::int32_t mode) { m_nEchoMode = mode; }
 
 protected:
+    /// Calls OnCommunicationDestroy on every listener, last to first, once.
+    void NotifyDestroy();
+    /// One chunk of a recording into chunk: the value of "BH=mask" for
+    /// samples first..last. send counts this chunk's sends from 1. This
+    /// one sets the window with "RP[8]" and "RP[9]" on the first send and
+    /// sends "BH" through the transaction; links with a request of their
+    /// own for it override it. Failures are thrown.
+    virtual void ReadRecordChunk(std::uint32_t mask, std::uint32_t first, std::uint32_t last, int send,
+                                 std::string& chunk);
     /// The transport's own exchange of one command (terminator appended by
     /// the caller); returns a CommResult, never throws for wire failures.
     virtual int Exchange(const std::string& command, std::string& reply, std::uint32_t timeoutMs,
@@ -173,6 +203,7 @@ protected:
     /// The transaction lock, for a link's own transfers outside SendCommand.
     std::recursive_mutex& TransactionLock() { return m_csTransaction; }
     void SetConnected(bool connected) { m_nConnected = connected ? 1 : 0; }
+    void SetConnectError(std::string text) { m_sConnectError = std::move(text); }
     void SetLinkBroken(bool broken) { m_nLinkBroken = broken ? 1 : 0; }
 
     CCommunicationInfo m_Info;
@@ -189,9 +220,11 @@ private:
     std::int32_t m_nOption = 0;
     std::string m_sVersion;
     std::string m_sProcessorType;
+    std::string m_sConnectError;
     std::shared_ptr<const CDriveErrorTable> m_pErrorTexts;
     std::vector<CListenerComm*> m_arListenersCom;
     std::mutex m_csListeners;
+    bool m_bDestroyNotified = false;
 };
 
 } // namespace tessitor

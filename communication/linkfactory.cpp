@@ -19,8 +19,13 @@ std::unique_ptr<CCommunication> CreateLink(const CCommunicationInfo& info, const
     case kKindCan:
         return std::make_unique<CCan>(info);
     case kKindTcp:
-    case kKindTcpKmas:
-        return std::make_unique<CTCP>(info, options.wTcpPort);
+    case kKindTcpKmas: {
+        auto link = std::make_unique<CTCP>(info, options.wTcpPort);
+        link->SetHost(options.sTcpHost);
+        if (options.nTimeoutMs != 0)
+            link->SetConnectTimeout(options.nTimeoutMs);
+        return link;
+    }
     default:
         throw CCommunication::CExceptionComm(COM_BAD_INFO, nullptr, kErrSrcTransport);
     }

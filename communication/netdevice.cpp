@@ -7,6 +7,7 @@
 
 #include "communication/communication.h"
 #include "communication/driveerrortable.h"
+#include "communication/waitnotice.h"
 #include "core/trace.h"
 
 namespace tessitor {
@@ -26,6 +27,12 @@ void SetLastError(std::string text)
 }
 
 } // namespace
+
+std::string NetDeviceName(const std::string& host, std::uint16_t port)
+{
+    const bool v6 = host.find(':') != std::string::npos;
+    return (v6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
+}
 
 std::shared_ptr<CNetDevice> CNetDevice::Get(const std::string& address, std::uint16_t port)
 {
@@ -58,7 +65,8 @@ const std::string& CNetDevice::LastError()
     return t_sLastError;
 }
 
-CNetDevice::CNetDevice(std::string address, std::uint16_t port) : m_sAddress(std::move(address)), m_wPort(port)
+CNetDevice::CNetDevice(std::string address, std::uint16_t port)
+    : m_sAddress(std::move(address)), m_wPort(port), m_sName(NetDeviceName(m_sAddress, port))
 {
 }
 
@@ -74,11 +82,9 @@ bool CNetDevice::Connect(std::uint32_t timeoutMs)
     std::lock_guard lock(m_csDevice);
     if (m_Socket.IsOpen())
         return true;
-    if (int error = m_Socket.Open(m_sAddress, m_wPort, timeoutMs)) {
-        char text[200];
-        std::snprintf(text, sizeof text, "Cannot connect to the network device %s:%u: %s", m_sAddress.c_str(),
-                      m_wPort, std::strerror(error));
-        SetLastError(text);
+    CWaitNotice notice("the connection", m_sName);
+    if (m_Socket.Open(m_sAddress, m_wPort, timeoutMs) != 0) {
+        SetLastError("Cannot connect to the network device " + m_sName + ": " + m_Socket.OpenError());
         return false;
     }
     ++m_nGeneration;
@@ -91,8 +97,9 @@ void CNetDevice::Close()
     m_Socket.Close();
 }
 
-CNetDevice::Outcome CNetDevice::Request(const Drive& drive, std::uint32_t functionId, const std::string& payload,
-                                        std::uint32_t timeoutMs, NetFrameHeader& header, std::string& replyPayload)
+CNetDevice::Outcome CNetDevice::Request(const Drive& drive, std::uint32_t functionId, const std::string& what,
+                                        const std::string& payload, std::uint32_t timeoutMs, NetFrameHeader& header,
+                                        std::string& replyPayload)
 {
     std::lock_guard lock(m_csDevice);
     if (!m_Socket.IsOpen())
@@ -100,6 +107,7 @@ CNetDevice::Outcome CNetDevice::Request(const Drive& drive, std::uint32_t functi
     if (drive.nHandle != 0 && drive.nGeneration != m_nGeneration)
         return Outcome::kStale;
     const std::string frame = NetBuildFrame(functionId, drive.nHandle, payload);
+    CWaitNotice notice(what, m_sName + " " + drive.sName);
     const std::uint8_t* reply = nullptr;
     std::uint32_t length = 0;
     if (!m_Socket.Exchange(functionId, frame.data(), frame.size(), &reply, &length, timeoutMs))
@@ -114,17 +122,15 @@ bool CNetDevice::Refused(Outcome outcome, std::uint32_t status, const std::strin
     char text[300];
     switch (outcome) {
     case Outcome::kClosed:
-        std::snprintf(text, sizeof text, "The connection to the network device %s:%u is closed.",
-                      m_sAddress.c_str(), m_wPort);
+        std::snprintf(text, sizeof text, "The connection to the network device %s is closed.", m_sName.c_str());
         break;
     case Outcome::kStale:
         std::snprintf(text, sizeof text,
-                      "The drive was opened on an earlier connection to the network device %s:%u; connect it again.",
-                      m_sAddress.c_str(), m_wPort);
+                      "The drive was opened on an earlier connection to the network device %s; connect it again.",
+                      m_sName.c_str());
         break;
     case Outcome::kOtherRequest:
-        std::snprintf(text, sizeof text, "The network device %s:%u answered another request.", m_sAddress.c_str(),
-                      m_wPort);
+        std::snprintf(text, sizeof text, "The network device %s answered another request.", m_sName.c_str());
         break;
     case Outcome::kReply:
         if (status == kNetStatusOk)
@@ -140,7 +146,7 @@ bool CNetDevice::Refused(Outcome outcome, std::uint32_t status, const std::strin
     return true;
 }
 
-bool CNetDevice::ListDrives(std::vector<NetDriveEntry>& drives)
+bool CNetDevice::ListDrives(std::vector<NetDriveEntry>& drives, std::uint32_t timeoutMs)
 {
     std::lock_guard lock(m_csDevice);
     if (!m_Socket.IsOpen()) {
@@ -148,6 +154,8 @@ bool CNetDevice::ListDrives(std::vector<NetDriveEntry>& drives)
         return false;
     }
     const std::string frame = NetBuildFrame(kNetFnListDrives, 0, {});
+    CWaitNotice notice("the drive list", m_sName);
+    m_Socket.SetBufferExchangeTimeout(CSocketCom::kReplyWaitFactor * timeoutMs);
     std::string buffer(kListBufferBytes, '\0');
     std::int32_t length = m_Socket.Exchange(frame.data(), frame.size(), buffer.data(), buffer.size());
     if (length == E_OUTOFMEMORY) {
@@ -167,7 +175,7 @@ bool CNetDevice::ListDrives(std::vector<NetDriveEntry>& drives)
     return true;
 }
 
-CNetDevice::Drive CNetDevice::OpenDrive(const std::string& name)
+CNetDevice::Drive CNetDevice::OpenDrive(const std::string& name, std::uint32_t timeoutMs)
 {
     std::lock_guard lock(m_csDevice);
     if (!m_Socket.IsOpen()) {
@@ -179,6 +187,8 @@ CNetDevice::Drive CNetDevice::OpenDrive(const std::string& name)
         return {};
     }
     const std::string frame = NetBuildFrame(kNetFnOpenDrive, 0, name);
+    CWaitNotice notice("opening " + name, m_sName);
+    m_Socket.SetBufferExchangeTimeout(CSocketCom::kReplyWaitFactor * timeoutMs);
     char buffer[kNetMaxNameBytes + 64];
     std::int32_t length = m_Socket.Exchange(frame.data(), frame.size(), buffer, sizeof buffer);
     std::uint32_t status = m_Socket.LastReplyHeader().nWord3;
@@ -189,7 +199,7 @@ CNetDevice::Drive CNetDevice::OpenDrive(const std::string& name)
         SetLastError("The network device sent a malformed answer to opening " + name + ".");
         return {};
     }
-    return {NetGetU32(payload.data()), m_nGeneration};
+    return {NetGetU32(payload.data()), m_nGeneration, name};
 }
 
 void CNetDevice::CloseDrive(Drive& drive)
@@ -199,7 +209,7 @@ void CNetDevice::CloseDrive(Drive& drive)
     try {
         NetFrameHeader header;
         std::string payload;
-        Outcome outcome = Request(drive, kNetFnCloseDrive, {}, 1000, header, payload);
+        Outcome outcome = Request(drive, kNetFnCloseDrive, "closing the drive", {}, 1000, header, payload);
         Refused(outcome, header.nWord3, payload);
     } catch (const CCommunication::CExceptionComm& e) {
         Trace::Printf("CNetDevice::CloseDrive: %s\n", e.what());
@@ -212,7 +222,8 @@ int CNetDevice::SendCommand(const Drive& drive, const std::string& command, std:
 {
     NetFrameHeader header;
     std::string payload;
-    Outcome outcome = Request(drive, kNetFnCommand, NetCommandPayload(timeoutMs, command), timeoutMs, header, payload);
+    Outcome outcome =
+        Request(drive, kNetFnCommand, command, NetCommandPayload(timeoutMs, command), timeoutMs, header, payload);
     if (DriveRefused(outcome, header.nWord3, command, payload) || Refused(outcome, header.nWord3, payload))
         return 1;
     value = std::move(payload);
@@ -243,8 +254,8 @@ int CNetDevice::SendRaw(const Drive& drive, const std::string& wire, char termin
     reply.clear();
     NetFrameHeader header;
     std::string payload;
-    Outcome outcome = Request(drive, kNetFnRawReply, NetRawPayload(timeoutMs, terminator, wire), timeoutMs, header,
-                              payload);
+    Outcome outcome = Request(drive, kNetFnRawReply, wire, NetRawPayload(timeoutMs, terminator, wire), timeoutMs,
+                              header, payload);
     if (outcome == Outcome::kOtherRequest) {
         Refused(outcome, 0, {});
         return COM_OK;
@@ -263,9 +274,10 @@ int CNetDevice::Upload(const Drive& drive, std::uint32_t mask, std::uint32_t fir
 {
     NetFrameHeader header;
     std::string payload;
+    const std::string command = "BH=" + std::to_string(mask);
     Outcome outcome =
-        Request(drive, kNetFnUpload, NetUploadPayload(timeoutMs, mask, first, last), timeoutMs, header, payload);
-    if (DriveRefused(outcome, header.nWord3, "BH=" + std::to_string(mask), payload)
+        Request(drive, kNetFnUpload, command, NetUploadPayload(timeoutMs, mask, first, last), timeoutMs, header, payload);
+    if (DriveRefused(outcome, header.nWord3, command, payload)
         || Refused(outcome, header.nWord3, payload))
         return 1;
     data = std::move(payload);

@@ -4,9 +4,12 @@
 // protocol (netprotocol.h): list the drives, open one by name, run a
 // command, get a raw reply, upload recorded data, close.
 //
+// Every request is announced to the front end (Ui::WaitBegin) while its
+// answer is awaited.
+//
 //   std::shared_ptr<CNetDevice> device = CNetDevice::Get("192.168.0.20", kDefaultTcpPort);
-//   if (!device->IsUp() && !device->Connect()) ... CNetDevice::LastError()
-//   CNetDevice::Drive drive = device->OpenDrive("RS232 Port 1");
+//   if (!device->IsUp() && !device->Connect(5000)) ... CNetDevice::LastError()
+//   CNetDevice::Drive drive = device->OpenDrive("RS232 Port 1", 1000);
 //   std::string value;
 //   if (device->SendCommand(drive, "PX", value, 1000) != 0) ... CNetDevice::LastError()
 #pragma once
@@ -22,6 +25,9 @@
 
 namespace tessitor {
 
+/// "host:port" as users write it, IPv6 addresses in brackets ("[::1]:47150").
+std::string NetDeviceName(const std::string& host, std::uint16_t port);
+
 class CNetDevice {
 public:
     /// A drive opened on the device; valid only on the connection that
@@ -29,15 +35,14 @@ public:
     struct Drive {
         std::uint32_t nHandle = 0;     ///< 0 = not open
         std::uint64_t nGeneration = 0; ///< which connection opened it
+        std::string sName;             ///< the name it was opened by
         bool IsOpen() const { return nHandle != 0; }
     };
 
-    /// How long making the connection may take, in milliseconds.
-    static constexpr std::uint32_t kConnectTimeoutMs = 5000;
     /// Size of the buffer the drive list is received into, in bytes.
     static constexpr std::size_t kListBufferBytes = 64 * 1024;
 
-    /// The connection for address (dotted IPv4) and port: the one already
+    /// The connection for address (a host name or an address) and port: the one already
     /// shared when there is one, else a new one that is not yet up. It is
     /// closed when the last holder releases it.
     static std::shared_ptr<CNetDevice> Get(const std::string& address, std::uint16_t port);
@@ -53,22 +58,26 @@ public:
     CNetDevice& operator=(const CNetDevice&) = delete;
 
     const std::string& Address() const { return m_sAddress; }
+    /// "host:port", for messages.
+    const std::string& Name() const { return m_sName; }
     std::uint16_t Port() const { return m_wPort; }
     bool IsUp() const;
-    /// Makes the connection unless it is up; false (LastError set) when
-    /// it cannot be made.
-    bool Connect(std::uint32_t timeoutMs = kConnectTimeoutMs);
+    /// Makes the connection unless it is up, within timeoutMs; false
+    /// (LastError set) when it cannot be made.
+    bool Connect(std::uint32_t timeoutMs);
     /// Closes the socket; drives opened on it become invalid.
     void Close();
     /// The socket (tests shorten its buffer exchange time-out through it).
     CSocketCom& Socket() { return m_Socket; }
 
     // Requests. Socket failures are thrown as CExceptionComm, error source 10.
-    /// The drives behind the device, in its order; false (LastError) on a
-    /// refusal or a malformed list.
-    bool ListDrives(std::vector<NetDriveEntry>& drives);
-    /// Opens the drive of that name; a closed Drive (LastError) on failure.
-    Drive OpenDrive(const std::string& name);
+    /// The drives behind the device, in its order, under the rules of a
+    /// command with timeoutMs; false (LastError) on a refusal or a
+    /// malformed list.
+    bool ListDrives(std::vector<NetDriveEntry>& drives, std::uint32_t timeoutMs);
+    /// Opens the drive of that name, under the rules of a command with
+    /// timeoutMs; a closed Drive (LastError) on failure.
+    Drive OpenDrive(const std::string& name, std::uint32_t timeoutMs);
     /// Gives the handle back; failures are only traced.
     void CloseDrive(Drive& drive);
     /// Runs command (no CR); 0 with its value, or 1 (LastError: the drive's
@@ -88,13 +97,15 @@ public:
 
 private:
     enum class Outcome { kReply, kOtherRequest, kClosed, kStale };
-    Outcome Request(const Drive& drive, std::uint32_t functionId, const std::string& payload,
+    // what names the request for the front end's wait notice.
+    Outcome Request(const Drive& drive, std::uint32_t functionId, const std::string& what, const std::string& payload,
                     std::uint32_t timeoutMs, NetFrameHeader& header, std::string& replyPayload);
     bool Refused(Outcome outcome, std::uint32_t status, const std::string& payload);
     bool DriveRefused(Outcome outcome, std::uint32_t status, const std::string& command, const std::string& payload);
 
     const std::string m_sAddress;
     const std::uint16_t m_wPort;
+    const std::string m_sName;
     mutable std::mutex m_csDevice; // one request and the copy of its reply
     CSocketCom m_Socket;
     std::uint64_t m_nGeneration = 0;

@@ -9,6 +9,7 @@ CRs232::CRs232(const CCommunicationInfo& info) : CCommunication(info) {}
 
 CRs232::~CRs232()
 {
+    NotifyDestroy();
     if (CSerialCommDev::IsOpen())
         CSerialCommDev::Close();
 }

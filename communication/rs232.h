@@ -18,6 +18,7 @@ namespace tessitor {
 class CRs232 : public CSerialCommDev, public CCommunication {
 public:
     explicit CRs232(const CCommunicationInfo& info);
+    /// Tells the listeners while the port is still open, then closes it.
     ~CRs232() override;
 
     /// Opens this path instead of the one the port number maps to.
@@ -30,6 +31,8 @@ public:
     /// Tells the listeners, marks the link broken, closes the port.
     void Disconnect() override;
     std::int32_t QueryOption() override { return 1; }
+    /// The device path (explicit, or from the settings' port map).
+    std::string DeviceName() const override { return GetDevicePath(); }
 
 protected:
     int Exchange(const std::string& command, std::string& reply, std::uint32_t timeoutMs,

@@ -19,6 +19,7 @@
 
 #include "communication/communication.h"
 #include "communication/custombaud.h"
+#include "communication/waitnotice.h"
 #include "core/trace.h"
 
 namespace tessitor {
@@ -144,6 +145,7 @@ int CSerialCommDev::Open(const std::string& path, const SerialLineSettings& line
     if (m_pShared->fd >= 0 || m_pShared->threadRunning)
         m_pShared = std::make_shared<Shared>();
     Shared& s = *m_pShared;
+    m_sPath = path;
 
     int fd = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {
@@ -268,6 +270,7 @@ int CSerialCommDev::Exchange(const std::string& command, std::string& reply, std
 {
     int result = COM_OK;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        CWaitNotice notice(command, m_sPath, attempt + 1, kAttempts);
         m_pShared->timeoutMs = timeoutMs;
         result = Write(command, timeoutMs);
         if (result == COM_OK)

@@ -40,13 +40,16 @@ public:
     /// Stops the watch thread (at most kCloseWaitMs) and closes the port.
     void Close();
     /// Writes command (terminator included) and waits up to timeoutMs for
-    /// the reply, kAttempts times at most; returns a CommResult.
+    /// the reply, kAttempts times at most, each attempt announced to the
+    /// front end (Ui::WaitBegin); returns a CommResult.
     int Exchange(const std::string& command, std::string& reply, std::uint32_t timeoutMs, std::int32_t checkEcho);
     /// Switches the event character between ";" and 0x08.
     void ToggleTerminator();
     /// The character that ends a reply now.
     char EventChar() const;
     bool IsOpen() const;
+    /// The path given to the last Open.
+    const std::string& Path() const { return m_sPath; }
 
 private:
     int Write(const std::string& command, std::uint32_t timeoutMs);
@@ -57,6 +60,7 @@ private:
     /// Collects bytes and signals the reply when the event character arrives.
     static void CommWatchThread(std::shared_ptr<Shared> shared);
     std::shared_ptr<Shared> m_pShared; // shared with the watch thread
+    std::string m_sPath;
 };
 
 } // namespace tessitor

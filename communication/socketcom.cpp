@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -18,10 +19,6 @@
 
 namespace tessitor {
 namespace {
-
-// The first reply byte may take this many times the command's time-out:
-// the device itself waits the time-out for its drive before it answers.
-constexpr std::int64_t kFirstByteFactor = 5;
 
 std::int64_t NowMs()
 {
@@ -52,41 +49,69 @@ CSocketCom::~CSocketCom()
     Close();
 }
 
-int CSocketCom::Open(const std::string& address, std::uint16_t port, std::uint32_t timeoutMs)
-{
-    sockaddr_in peer{};
-    peer.sin_family = AF_INET;
-    peer.sin_port = htons(port);
-    if (::inet_pton(AF_INET, address.c_str(), &peer.sin_addr) != 1)
-        return EINVAL;
+namespace {
 
-    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0)
+// Connects fd to address within deadlineMs; 0 or an errno value.
+int ConnectWithin(int fd, const sockaddr* address, socklen_t size, std::int64_t deadlineMs)
+{
+    if (::connect(fd, address, size) == 0)
+        return 0;
+    if (errno != EINPROGRESS)
         return errno;
-    int error = 0;
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) != 0) {
-        error = errno;
-        if (error == EINPROGRESS) {
-            std::int64_t deadline = NowMs() + timeoutMs;
-            error = ETIMEDOUT;
-            for (;;) {
-                pollfd p{fd, POLLOUT, 0};
-                int left = static_cast<int>(std::max<std::int64_t>(0, deadline - NowMs()));
-                int ready = ::poll(&p, 1, left);
-                if (ready < 0 && errno == EINTR)
-                    continue;
-                if (ready > 0) {
-                    socklen_t size = sizeof error;
-                    if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) != 0)
-                        error = errno;
-                }
-                break;
-            }
+    for (;;) {
+        pollfd p{fd, POLLOUT, 0};
+        int left = static_cast<int>(std::max<std::int64_t>(0, deadlineMs - NowMs()));
+        int ready = ::poll(&p, 1, left);
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (ready == 0)
+            return ETIMEDOUT;
+        if (ready < 0)
+            return errno;
+        int error = 0;
+        socklen_t length = sizeof error;
+        if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) != 0)
+            return errno;
+        return error;
+    }
+}
+
+} // namespace
+
+int CSocketCom::Open(const std::string& host, std::uint16_t port, std::uint32_t timeoutMs)
+{
+    const std::int64_t deadline = NowMs() + timeoutMs;
+    m_sOpenError.clear();
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_NUMERICSERV; // no AI_ADDRCONFIG: it hides ::1 on hosts with loopback-only IPv6
+    const std::string service = std::to_string(port);
+    addrinfo* found = nullptr;
+    if (int error = ::getaddrinfo(host.c_str(), service.c_str(), &hints, &found); error != 0) {
+        m_sOpenError = "cannot resolve '" + host + "': " + ::gai_strerror(error);
+        Trace::Printf("CSocketCom::Open: %s\n", m_sOpenError.c_str());
+        return error == EAI_SYSTEM ? errno : EINVAL;
+    }
+    // Every address the name has, in the resolver's order, within the one deadline.
+    int error = EINVAL;
+    int fd = -1;
+    for (addrinfo* a = found; a && fd < 0; a = a->ai_next) {
+        fd = ::socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, a->ai_protocol);
+        if (fd < 0) {
+            error = errno;
+            continue;
+        }
+        error = ConnectWithin(fd, a->ai_addr, a->ai_addrlen, deadline);
+        if (error != 0) {
+            ::close(fd);
+            fd = -1;
         }
     }
-    if (error != 0) {
-        Trace::Printf("CSocketCom::Open %s:%u: %s\n", address.c_str(), port, std::strerror(error));
-        ::close(fd);
+    ::freeaddrinfo(found);
+    if (fd < 0) {
+        m_sOpenError = std::strerror(error);
+        Trace::Printf("CSocketCom::Open %s:%u: %s\n", host.c_str(), port, m_sOpenError.c_str());
         return error;
     }
     // Commands are small and wait for their reply: do not let Nagle hold them.
@@ -226,7 +251,7 @@ bool CSocketCom::Exchange(std::uint32_t functionId, const void* request, std::si
     if (m_hSocket < 0)
         return false;
 
-    const std::int64_t wait = kFirstByteFactor * static_cast<std::int64_t>(timeoutMs);
+    const std::int64_t wait = CSocketCom::kReplyWaitFactor * static_cast<std::int64_t>(timeoutMs);
     if (!SendAll(request, requestLength, NowMs() + wait))
         Fail(kTextSendDropped);
     if (WaitFor(POLLIN, NowMs() + wait) != Wait::kReady)

@@ -39,6 +39,9 @@ public:
     /// The real ones.
     static const Syscalls kSystem;
 
+    /// A request's reply may take this many times its time-out: the device
+    /// itself waits up to the time-out for its drive before it answers.
+    static constexpr std::uint32_t kReplyWaitFactor = 5;
     /// Pieces in which an oversized reply is read away, in bytes.
     static constexpr std::size_t kDrainPieceBytes = 128;
 
@@ -68,9 +71,13 @@ public:
     CSocketCom(const CSocketCom&) = delete;
     CSocketCom& operator=(const CSocketCom&) = delete;
 
-    /// Connects to a dotted IPv4 address within timeoutMs; 0 or an errno
-    /// value (EINVAL for a malformed address, ETIMEDOUT on expiry).
-    int Open(const std::string& address, std::uint16_t port, std::uint32_t timeoutMs);
+    /// Connects to host (a name, or an IPv4 or IPv6 address) within
+    /// timeoutMs, trying each address the name has; 0 or an errno value
+    /// (EINVAL for a name that does not resolve, ETIMEDOUT on expiry).
+    int Open(const std::string& host, std::uint16_t port, std::uint32_t timeoutMs);
+    /// Why the last Open failed, in words ("Connection refused",
+    /// "cannot resolve 'x': Name or service not known").
+    const std::string& OpenError() const { return m_sOpenError; }
     /// Takes over a connected socket (owned from now on).
     void Attach(int fd);
     /// Closes the socket; exchanges then do nothing.
@@ -118,6 +125,7 @@ private:
     std::uint16_t m_wCapacity = 0;
     NetFrameHeader m_LastReply;
     std::uint32_t m_nBufferTimeoutMs = 10000;
+    std::string m_sOpenError;
 };
 
 } // namespace tessitor

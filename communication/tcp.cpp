@@ -32,6 +32,7 @@ CTCP::CTCP(const CCommunicationInfo& info, std::uint16_t port) : CCommunication(
 
 CTCP::~CTCP()
 {
+    NotifyDestroy();
     std::lock_guard lock(m_csLink);
     Release();
     SetConnected(false);
@@ -41,11 +42,25 @@ void CTCP::SetOption(std::int32_t /*option*/)
 {
 }
 
+void CTCP::SetHost(const std::string& host)
+{
+    std::lock_guard lock(m_csLink);
+    m_sHost = host.size() >= 2 && host.front() == '[' && host.back() == ']' ? host.substr(1, host.size() - 2) : host;
+}
+
 std::string CTCP::Address() const
 {
+    std::lock_guard lock(m_csLink);
+    if (!m_sHost.empty())
+        return m_sHost;
     char text[32];
     std::snprintf(text, sizeof text, "%d.%d.%d.%d", m_Info.abIP[0], m_Info.abIP[1], m_Info.abIP[2], m_Info.abIP[3]);
     return text;
+}
+
+std::string CTCP::DeviceName() const
+{
+    return NetDeviceName(Address(), m_wPort) + " " + TargetName();
 }
 
 std::string CTCP::TargetName() const
@@ -86,38 +101,39 @@ int CTCP::Connect()
     if (IsConnected() && m_pDevice && m_pDevice->IsUp())
         return 0;
     Release();
+    SetConnectError({});
     const std::string target = TargetName();
     m_pDevice = CNetDevice::Get(Address(), m_wPort);
+    auto fail = [&](int result, const std::string& text) {
+        SetConnectError(text);
+        Release();
+        return result;
+    };
     try {
-        if (!m_pDevice->IsUp() && !m_pDevice->Connect()) {
-            Release();
-            return kConnectNoDevice;
-        }
+        if (!m_pDevice->IsUp() && !m_pDevice->Connect(CSocketCom::kReplyWaitFactor * m_nConnectTimeoutMs))
+            return fail(kConnectNoDevice, CNetDevice::LastError());
         std::vector<NetDriveEntry> drives;
-        if (!m_pDevice->ListDrives(drives)) {
-            Release();
-            return kConnectNoDrive;
-        }
+        if (!m_pDevice->ListDrives(drives, m_nConnectTimeoutMs))
+            return fail(kConnectNoDrive, CNetDevice::LastError());
+        std::string offered;
         for (const NetDriveEntry& drive : drives) {
+            offered += (offered.empty() ? "" : ", ") + drive.sName;
             if (drive.sName != target)
                 continue;
-            m_Drive = m_pDevice->OpenDrive(drive.sName);
-            if (!m_Drive.IsOpen()) {
-                Release();
-                return kConnectNoDrive;
-            }
+            m_Drive = m_pDevice->OpenDrive(drive.sName, m_nConnectTimeoutMs);
+            if (!m_Drive.IsOpen())
+                return fail(kConnectNoDrive, CNetDevice::LastError());
             m_cTerminator = ';';
             SetLinkBroken(false);
             SetConnected(true);
             return 0;
         }
-        Trace::Printf("CTCP::Connect: %s:%u has no drive \"%s\"\n", Address().c_str(), m_wPort, target.c_str());
-        Release();
-        return kConnectNoDrive;
-    } catch (const CExceptionComm& e) {
+        Trace::Printf("CTCP::Connect: %s has no drive \"%s\"\n", m_pDevice->Name().c_str(), target.c_str());
+        return fail(kConnectNoDrive, "The network device " + m_pDevice->Name() + " has no drive \"" + target
+                                         + "\"; it offers: " + (offered.empty() ? "no drive at all" : offered) + ".");
+    } catch (CExceptionComm& e) {
         Trace::Printf("CTCP::Connect: %s\n", e.what());
-        Release();
-        return kConnectNoDevice;
+        return fail(kConnectNoDevice, "The network device " + m_pDevice->Name() + ": " + e.FillMessage());
     }
 }
 
@@ -159,19 +175,18 @@ int CTCP::SendCommandGetReply(const std::string& command, std::string& reply, st
     return reply.empty() ? -2 : result;
 }
 
-int CTCP::UploadRecordedData(std::uint32_t mask, std::uint32_t first, std::uint32_t last, std::string& data,
-                             std::uint32_t timeoutMs)
+void CTCP::ReadRecordChunk(std::uint32_t mask, std::uint32_t first, std::uint32_t last, int /*send*/,
+                           std::string& chunk)
 {
     std::lock_guard lock(m_csLink);
     if (!IsConnected() || !m_pDevice)
         throw CExceptionComm(3, this, kErrSrcSetup);
     try {
-        if (m_pDevice->Upload(m_Drive, mask, first, last, timeoutMs, data) == 1)
+        if (m_pDevice->Upload(m_Drive, mask, first, last, EffectiveTimeout("BH", 0), chunk) == 1)
             throw CExceptionComm(-1, this, kErrSrcTcpLink, CNetDevice::LastError());
     } catch (CExceptionComm& e) {
         Rethrow(e);
     }
-    return 0;
 }
 
 int CTCP::Exchange(const std::string& command, std::string& reply, std::uint32_t timeoutMs, std::int32_t checkEcho)

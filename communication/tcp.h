@@ -1,11 +1,14 @@
 // The TCP link: a drive behind a network device, for the descriptor types
 // "TCP" and "TCP_KMAS". It never touches a socket itself: it opens its
 // drive on the device's shared connection (CNetDevice) and hands every
-// command to it. The port is the one given, else settings ("TCP", "Port"),
-// else kDefaultTcpPort.
+// command to it. The host is the one given, else the descriptor's IPv4
+// address; the port the one given, else settings ("TCP", "Port"), else
+// kDefaultTcpPort.
 //
 //   CTCP link(info);                          // info.abIP, info.sDesc = "RS232 Port 1"
+//   link.SetHost("[::1]");                    // optional: a name or an address of any family
 //   switch (link.Connect()) { case 3: ... unreachable; case 1: ... no such drive }
+//   ... link.GetConnectError() says why in words ...
 //   std::string value;
 //   link.SendCommandGetValue("PX", value, 1000);   // throws -1/source 11 with the device's text
 #pragma once
@@ -32,8 +35,16 @@ public:
 
     /// A link to the drive info names; port 0 = settings or the default.
     explicit CTCP(const CCommunicationInfo& info, std::uint16_t port = 0);
-    /// Gives the drive back and lets go of the shared connection.
+    /// Tells the listeners while the link is whole, gives the drive back
+    /// and lets go of the shared connection.
     ~CTCP() override;
+
+    /// Connects to host (a name, an IPv4 or IPv6 address, brackets
+    /// allowed) instead of the descriptor's IPv4 address; "" restores it.
+    void SetHost(const std::string& host);
+    /// The time-out, in ms, the requests of Connect (the drive list and
+    /// opening the drive) get under the command time-out's rules.
+    void SetConnectTimeout(std::uint32_t timeoutMs) { m_nConnectTimeoutMs = timeoutMs; }
 
     /// Does nothing: the TCP link has no options.
     void SetOption(std::int32_t option) override;
@@ -49,15 +60,14 @@ public:
     /// The raw transaction; 0 with the whole reply, -2 when it came back
     /// empty (the device's answer belonged to another request).
     int SendCommandGetReply(const std::string& command, std::string& reply, std::uint32_t timeoutMs) override;
-    /// One chunk of recorded data ("BH" with mask, samples first..last) as
-    /// the drive answers it; failures throw code -1, source 11.
-    int UploadRecordedData(std::uint32_t mask, std::uint32_t first, std::uint32_t last, std::string& data,
-                           std::uint32_t timeoutMs);
+    /// "host:port target", the host as given or the descriptor's address.
+    std::string DeviceName() const override;
 
     /// The drive name asked for: the target text ("TCP_KMAS" without one:
     /// "CANopen Bus 1 NodeID %d" with the node ID).
     std::string TargetName() const;
-    /// The address and port the link connects to.
+    /// The host the link connects to, as given, else the descriptor's
+    /// address ("%d.%d.%d.%d").
     std::string Address() const;
     std::uint16_t Port() const { return m_wPort; }
     /// The shared connection while connected (tests).
@@ -67,12 +77,18 @@ protected:
     int Exchange(const std::string& command, std::string& reply, std::uint32_t timeoutMs,
                  std::int32_t checkEcho) override;
     void ToggleTerminator() override;
+    /// The device's upload request: window and "BH" in one round trip;
+    /// failures throw code -1, source 11.
+    void ReadRecordChunk(std::uint32_t mask, std::uint32_t first, std::uint32_t last, int send,
+                         std::string& chunk) override;
 
 private:
     void Release();
     [[noreturn]] void Rethrow(CExceptionComm& e);
 
     const std::uint16_t m_wPort;
+    std::string m_sHost;
+    std::uint32_t m_nConnectTimeoutMs = 1000;
     mutable std::recursive_mutex m_csLink; // value sends, and the device/drive pair
     std::shared_ptr<CNetDevice> m_pDevice;
     CNetDevice::Drive m_Drive;

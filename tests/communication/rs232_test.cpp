@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "communication/rs232.h"
+#include "core/trace.h"
 #include "core/ui.h"
 #include "tests/support/scriptedpeer.h"
 
@@ -77,6 +78,7 @@ public:
     std::vector<std::string> m_arShown;
 };
 
+
 } // namespace
 
 TEST_F(Rs232Test, ValuesAndAssignmentsCrossTheWire)
@@ -121,8 +123,14 @@ TEST_F(Rs232Test, DriveErrorsCarryTheirNumberAndText)
 TEST_F(Rs232Test, SilentDriveTimesOutAfterThreeAttemptsAndLatches)
 {
     m_Peer.SetHandler([](const std::string&) { return std::string(); });
+    auto ui = std::make_unique<test::CWaitRecorder>();
 
     Exc e = Thrown([&] { Value("PX", kShortTimeoutMs); });
+    std::vector<std::string> waits = ui->arWaits;
+    ui.reset();
+    const std::string wait = "wait PX " + m_Peer.Path() + " ";
+    EXPECT_EQ(waits, (std::vector<std::string>{wait + "1/3", "end", wait + "2/3", "end", wait + "3/3", "end"}));
+    EXPECT_EQ(m_pLink->DeviceName(), m_Peer.Path());
     EXPECT_EQ(e.m_nErrorCode, COM_TIMEOUT);
     EXPECT_EQ(e.m_nErrorSource, kErrSrcTransport);
     EXPECT_EQ(e.m_sMessage, "Time Out Waiting for Response from Controller");
@@ -335,6 +343,57 @@ TEST_F(Rs232Test, ListenersHearOfDisconnectAndDestructionLastFirst)
     m_pLink.reset();
     EXPECT_EQ(log.back(), "destroy b");
     EXPECT_EQ(log.size(), 3u);
+
+    // Destroyed while connected: a listener still finds the link whole.
+    m_Peer.SetHandler([](const std::string& line) { return CScriptedPeer::Answer(line, "7"); });
+    test::CLastWordListener last;
+    auto link = std::make_unique<CRs232>(CCommunicationInfo{});
+    link->SetDevicePath(m_Peer.Path());
+    ASSERT_EQ(link->Connect(), 0);
+    link->AddListenerCom(&last);
+    link.reset();
+    EXPECT_TRUE(last.bConnected);
+    EXPECT_EQ(last.sValue, "7");
+}
+
+TEST_F(Rs232Test, RecordingIsUploadedInChunksAndAChunkThatDoesNotDecodeIsAskedForAgain)
+{
+    m_Peer.SetHandler([](const std::string& line) {
+        static std::string window;
+        if (line.rfind("RP[8]=", 0) == 0)
+            window = line.substr(6, line.size() - 7);
+        else if (line.rfind("RP[9]=", 0) == 0)
+            window += "-" + line.substr(6, line.size() - 7);
+        return CScriptedPeer::Answer(line, line == "BH=3\r" ? "chunk " + window : "");
+    });
+    test::CChunkRecorder store;
+    store.nRefuse = 1;
+    test::CPostCounter progress;
+    std::FILE* trace = std::tmpfile();
+    Trace::SetStream(trace);
+
+    EXPECT_EQ(m_pLink->UploadRecordedData(250, 3, store, &progress, nullptr), 0);
+    Trace::SetStream(nullptr);
+    std::rewind(trace);
+    char traced[4096] = {};
+    traced[std::fread(traced, 1, sizeof traced - 1, trace)] = '\0';
+    std::fclose(trace);
+    EXPECT_EQ(store.arChunks, (std::vector<std::string>{"chunk 0-99", "chunk 100-199", "chunk 200-249"}));
+    EXPECT_EQ(m_Peer.Count("BH=3\r"), 4) << "the refused chunk was asked for once more";
+    EXPECT_EQ(m_Peer.Count("RP[8]=0\r"), 1) << "a repeat sends BH alone";
+    EXPECT_NE(std::string(traced).find("BH command was repeat 1 times\n"), std::string::npos) << traced;
+    EXPECT_EQ(progress.nPosted.load(), 3);
+    EXPECT_EQ(progress.nLastMessage, kMsgRecProgress);
+
+    std::atomic<std::int32_t> abort{1};
+    size_t sent = m_Peer.Lines().size();
+    EXPECT_EQ(m_pLink->UploadRecordedData(250, 3, store, nullptr, &abort), 0);
+    EXPECT_EQ(m_Peer.Lines().size(), sent) << "an aborted upload sends nothing";
+
+    store.nRefuse = 1000;
+    EXPECT_EQ(m_pLink->UploadRecordedData(50, 3, store, nullptr, nullptr), -5);
+    EXPECT_EQ(m_Peer.Count("BH=3\r"), 4 + CCommunication::kRecordChunkSends);
+    EXPECT_EQ(m_Peer.Count("RP[9]=49\r"), 1);
 }
 
 TEST_F(Rs232Test, PortIsExclusiveAndReopensAfterClose)

@@ -1,15 +1,77 @@
 // A scripted drive on a pseudo-terminal for tests: the client opens Path()
 // as its serial device; each line the client sends (up to CR, or up to the
 // backslash of a "DL" line) is handed to the handler, whose return value is
-// written back as it stands (the handler supplies the echo).
+// written back as it stands (the handler supplies the echo). Beside it, the
+// recorder's side of an upload: a sample store and a progress window.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "communication/communication.h"
+#include "core/ui.h"
+#include "core/window.h"
+
 namespace tessitor::test {
+
+/// A sample store that keeps each chunk it accepts and refuses, as not
+/// decodable, the first nRefuse chunks it is handed.
+struct CChunkRecorder : CSampleStore {
+    int nRefuse = 0;
+    std::vector<std::string> arChunks;
+    bool AppendChunk(const std::string& chunk) override
+    {
+        if (nRefuse > 0) {
+            --nRefuse;
+            return false;
+        }
+        arChunks.push_back(chunk);
+        return true;
+    }
+};
+
+/// A front end that notes each wait it is told of ("wait PX /dev/pts/3
+/// 1/3", then "end"), installed while it lives; questions get OK.
+struct CWaitRecorder : Ui {
+    std::vector<std::string> arWaits;
+    CWaitRecorder() { Ui::Install(this); }
+    ~CWaitRecorder() override { Ui::Install(nullptr); }
+    int MessageBox(Window*, const std::string&, const std::string&, unsigned) override { return IDOK; }
+    void WaitBegin(const std::string& command, const std::string& device, int attempt, int attempts) override
+    {
+        arWaits.push_back("wait " + command + " " + device + " " + std::to_string(attempt) + "/"
+                          + std::to_string(attempts));
+    }
+    void WaitEnd() override { arWaits.push_back("end"); }
+};
+
+/// A listener that sends "SR" while the link is destroyed, noting whether
+/// it found the link connected and what the drive answered.
+struct CLastWordListener : CCommunication::CListenerComm {
+    bool bConnected = false;
+    std::string sValue;
+    void OnCommunicationDestroy(CCommunication* pCom) override
+    {
+        bConnected = pCom->IsConnected();
+        pCom->SendCommandGetValue("SR", sValue, 1000);
+    }
+    void OnCommunicationDisconnect(CCommunication*) override {}
+};
+
+/// A window that counts the messages posted to it.
+struct CPostCounter : Window {
+    std::atomic<int> nPosted{0};
+    unsigned nLastMessage = 0;
+    void PostMessage(unsigned message, std::uintptr_t, std::intptr_t) override
+    {
+        nLastMessage = message;
+        ++nPosted;
+    }
+    std::intptr_t SendMessage(unsigned, std::uintptr_t, std::intptr_t) override { return 0; }
+};
 
 class CScriptedPeer {
 public:

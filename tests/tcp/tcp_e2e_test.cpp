@@ -14,6 +14,7 @@
 #include "sim/simtcpserver.h"
 #include "tests/support/backgroundprocess.h"
 #include "tests/support/process.h"
+#include "tests/support/scriptedpeer.h"
 #include "tests/tcp/tcppeer.h"
 
 namespace tessitor {
@@ -163,18 +164,24 @@ TEST_F(TcpDevice, DrivesBehindOneDeviceKeepTheirStateAndThreadsSharingItNeverMix
 TEST_F(TcpDevice, RecordedDataUploadIsTheDrivesOwnBhAnswer)
 {
     auto link = Link("RS232 Port 2");
-    for (const char* command : {"RR=0", "RC=3", "RG=1", "RL=50", "RP[3]=0", "RR=2"})
+    for (const char* command : {"RR=0", "RC=3", "RG=1", "RL=130", "RP[3]=0", "RR=2"})
         Value(*link, command);
     for (int poll = 0; poll < 500 && ((std::stoul(Value(*link, "SR")) >> 16) & 3) != 2; ++poll)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     ASSERT_EQ(2u, (std::stoul(Value(*link, "SR")) >> 16) & 3) << "the recording completes";
 
-    std::string uploaded;
-    EXPECT_EQ(0, link->UploadRecordedData(2, 10, 29, uploaded, 5000));
-    Value(*link, "RP[8]=10");
-    Value(*link, "RP[9]=29");
-    EXPECT_EQ(Value(*link, "BH=2"), uploaded);
-    EXPECT_EQ(20u * 8u + 20u, uploaded.size()) << "header and twenty 32-bit samples: " << uploaded;
+    test::CChunkRecorder store;
+    store.nRefuse = 1; // the first answer "does not decode": the device is asked again
+    test::CPostCounter progress;
+    EXPECT_EQ(0, link->UploadRecordedData(130, 2, store, &progress, nullptr));
+    Value(*link, "RP[8]=100");
+    Value(*link, "RP[9]=129");
+    ASSERT_EQ(2u, store.arChunks.size());
+    EXPECT_EQ(Value(*link, "BH=2"), store.arChunks[1]);
+    EXPECT_EQ(30u * 8u + 20u, store.arChunks[1].size()) << "header and thirty 32-bit samples";
+    EXPECT_EQ(100u * 8u + 20u, store.arChunks[0].size());
+    EXPECT_EQ(2, progress.nPosted.load());
+    EXPECT_EQ(kMsgRecProgress, progress.nLastMessage);
 }
 
 TEST(TcpCommand, TessitorReachesDrivesOfTessitorSimOverTcp)

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "communication/tcp.h"
+#include "tests/support/scriptedpeer.h"
 #include "tests/tcp/tcppeer.h"
 
 namespace tessitor {
@@ -26,7 +27,10 @@ TEST(TcpLink, ConnectReportsZeroOneOrThreeAndLinksShareOneConnectionUntilTheLast
     CTCP missing(TcpInfo("RS232 Port 9"), peer.Port());
     CTCP unreachable(TcpInfo("RS232 Port 1"), test::ClosedPort());
 
+    auto ui = std::make_unique<test::CWaitRecorder>();
     int found = canopen.Connect();
+    std::vector<std::string> waits = ui->arWaits;
+    ui.reset();
     int byNode = gateway->Connect();
     std::string handle; // the device answers PX with the handle the request names
     gateway->SendCommandGetValue("PX", handle, 1000);
@@ -35,21 +39,57 @@ TEST(TcpLink, ConnectReportsZeroOneOrThreeAndLinksShareOneConnectionUntilTheLast
     bool shared = canopen.Device() == gateway->Device();
     canopen.Disconnect();
     bool upAfterFirst = gateway->Device()->IsUp();
+    test::CLastWordListener last;
+    gateway->AddListenerCom(&last);
     gateway.reset();
     for (int i = 0; i < 500 && peer.Ended() == 0; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
 
+    const std::string device = "127.0.0.1:" + std::to_string(peer.Port());
     EXPECT_EQ(0, found);
+    EXPECT_EQ((std::vector<std::string>{"wait the connection " + device + " 1/1", "end",
+                                        "wait the drive list " + device + " 1/1", "end",
+                                        "wait opening CANopen Bus 1 NodeID 5 " + device + " 1/1", "end"}),
+              waits);
+    EXPECT_EQ(device + " CANopen Bus 1 NodeID 5", canopen.DeviceName());
     EXPECT_EQ(0, byNode); // a gateway descriptor without target text names the node
     EXPECT_EQ(1, notThere);
     EXPECT_FALSE(missing.IsConnected());
+    EXPECT_EQ("The network device " + device
+                  + " has no drive \"RS232 Port 9\"; it offers: RS232 Port 1, CANopen Bus 1 NodeID 5.",
+              missing.GetConnectError());
     EXPECT_EQ(3, noDevice);
+    EXPECT_EQ("Cannot connect to the network device 127.0.0.1:" + std::to_string(unreachable.Port())
+                  + ": Connection refused",
+              unreachable.GetConnectError());
     EXPECT_EQ("12", handle); // the gateway's drive is node 5's
+    EXPECT_TRUE(last.bConnected); // destroyed, the link was still whole for its listener
+    EXPECT_EQ("SR", last.sValue); // (the device echoes what it does not know)
     EXPECT_TRUE(shared);
     EXPECT_TRUE(upAfterFirst);
     EXPECT_EQ(1, peer.Accepted());
     EXPECT_EQ(1, peer.Ended()); // closed when the last link let go
     EXPECT_EQ(0u, CNetDevice::LiveCount());
+}
+
+TEST(TcpLink, ReachesAHostByItsIpv6Address)
+{
+    std::unique_ptr<test::CTcpScriptedPeer> peer;
+    try {
+        peer = std::make_unique<test::CTcpScriptedPeer>(test::ScriptedDevice, true);
+    } catch (const std::runtime_error& e) {
+        GTEST_SKIP() << e.what();
+    }
+    CTCP link(TcpInfo("RS232 Port 1"), peer->Port());
+    link.SetHost("[::1]");
+    std::string value;
+
+    int connected = link.Connect();
+    link.SendCommandGetValue("PX", value, 1000);
+
+    EXPECT_EQ(0, connected) << link.GetConnectError();
+    EXPECT_EQ("11", value);
+    EXPECT_EQ("[::1]:" + std::to_string(peer->Port()) + " RS232 Port 1", link.DeviceName());
 }
 
 TEST(TcpLink, ValueSendThrowsSourceElevenAndRawPathRunsTheSharedTransaction)

@@ -50,17 +50,27 @@ void CPeerConnection::Abort()
     hSocket = -1;
 }
 
-CTcpScriptedPeer::CTcpScriptedPeer(Handler handler) : m_Handler(std::move(handler))
+CTcpScriptedPeer::CTcpScriptedPeer(Handler handler, bool bIpv6) : m_Handler(std::move(handler))
 {
-    m_hListen = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in6 address{};
+    auto* v4 = reinterpret_cast<sockaddr_in*>(&address);
     socklen_t size = sizeof address;
-    if (m_hListen < 0 || ::bind(m_hListen, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0
-        || ::listen(m_hListen, 8) != 0 || ::getsockname(m_hListen, reinterpret_cast<sockaddr*>(&address), &size) != 0)
-        throw std::runtime_error("cannot listen on loopback");
-    m_wPort = ntohs(address.sin_port);
+    if (bIpv6) {
+        address.sin6_family = AF_INET6;
+        address.sin6_addr = in6addr_loopback;
+    } else {
+        v4->sin_family = AF_INET;
+        v4->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        size = sizeof *v4;
+    }
+    m_hListen = ::socket(address.sin6_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (m_hListen < 0 || ::bind(m_hListen, reinterpret_cast<sockaddr*>(&address), size) != 0
+        || ::listen(m_hListen, 8) != 0 || ::getsockname(m_hListen, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+        if (m_hListen >= 0)
+            ::close(m_hListen);
+        throw std::runtime_error(bIpv6 ? "cannot listen on ::1" : "cannot listen on loopback");
+    }
+    m_wPort = ntohs(bIpv6 ? address.sin6_port : v4->sin_port);
     m_Thread = std::thread([this] {
         for (;;) {
             int fd = ::accept4(m_hListen, nullptr, nullptr, SOCK_CLOEXEC);
