@@ -19,8 +19,11 @@
 #include <map>
 #include <mutex>
 #include <stdexcept>
+#include <cstring>
 #include <system_error>
 #include <thread>
+
+#include "core/trace.h"
 
 namespace tessitor::sim {
 namespace {
@@ -55,6 +58,12 @@ constexpr std::uint32_t kWrongFunctionOffset = 0x100;
 // Reply statuses 1..12 are the coded results of the client's transaction.
 constexpr std::uint32_t kStatusTimeout = 1;
 constexpr std::uint32_t kStatusBadEcho = 10;
+// Longest back-off after a failed accept (descriptor or thread limit) [ms].
+constexpr int kMaxAcceptBackoffMs = 1000;
+// How often the accept thread joins the threads of finished connections [ms].
+constexpr int kReapIntervalMs = 1000;
+// A request buffer grown beyond this is given back after its request.
+constexpr std::size_t kKeptPayloadBytes = 64 * 1024;
 
 void PutU32(std::string& out, std::uint32_t v)
 {
@@ -103,6 +112,7 @@ struct CSimTcpServer::Impl {
         std::thread thread;
         std::atomic<bool> bDone{false};
     };
+    using Deadline = std::chrono::steady_clock::time_point;
 
     std::vector<Entry> drives;
     CSimFaults faults;
@@ -112,6 +122,8 @@ struct CSimTcpServer::Impl {
     std::uint16_t port = 0;
     std::atomic<int> clientCount{0};
     std::atomic<int> acceptedCount{0};
+    std::atomic<int> refusedCount{0};
+    SimTcpLimits limits;
     std::thread acceptThread;
     std::mutex clientsLock;
     std::list<std::unique_ptr<Client>> clients;
@@ -132,28 +144,75 @@ struct CSimTcpServer::Impl {
         return stopping;
     }
 
-    // Reads exactly length bytes; false on close, error or stop.
-    bool ReadExactly(int fd, char* data, std::size_t length)
+    // Waits until fd is ready for events or the deadline passes; false on
+    // time-out, error or stop. A default deadline waits without end.
+    bool WaitFor(int fd, short events, Deadline deadline)
     {
-        std::size_t got = 0;
-        while (got < length) {
-            pollfd fds[2] = {{fd, POLLIN, 0}, {wake[0], POLLIN, 0}};
-            int ready = ::poll(fds, 2, -1);
+        for (;;) {
+            int timeoutMs = -1;
+            if (deadline != Deadline{}) {
+                auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+                if (left.count() <= 0)
+                    return false;
+                timeoutMs = static_cast<int>(std::min<long long>(left.count(), 1 << 30));
+            }
+            pollfd fds[2] = {{fd, events, 0}, {wake[0], POLLIN, 0}};
+            int ready = ::poll(fds, 2, timeoutMs);
             if (ready < 0 && errno == EINTR)
                 continue;
             if (ready < 0 || (fds[1].revents & POLLIN))
                 return false;
-            ssize_t n = ::recv(fd, data + got, length - got, 0);
+            if (ready > 0)
+                return true;
+        }
+    }
+
+    static Deadline After(int ms)
+    {
+        return ms > 0 ? std::chrono::steady_clock::now() + std::chrono::milliseconds(ms) : Deadline{};
+    }
+
+    // Reads exactly length bytes onto the end of data; false on close,
+    // error, stop or the deadline. The buffer grows with what arrives, never
+    // by what a header announces.
+    bool ReadExactly(int fd, std::string& data, std::size_t length, Deadline deadline)
+    {
+        char chunk[16384];
+        while (length > 0) {
+            if (!WaitFor(fd, POLLIN, deadline))
+                return false;
+            ssize_t n = ::recv(fd, chunk, std::min(length, sizeof chunk), 0);
             if (n < 0 && errno == EINTR)
                 continue;
             if (n <= 0)
                 return false;
-            got += static_cast<std::size_t>(n);
+            data.append(chunk, static_cast<std::size_t>(n));
+            length -= static_cast<std::size_t>(n);
         }
         return true;
     }
 
-    // Writes all bytes; false on error, or on stop while the client reads nothing.
+    // Reads one request; false when the connection is to end (closed,
+    // broken, idle or stalled past its time-out, or a length past the cap).
+    bool ReadRequest(int fd, std::string& header, std::string& payload)
+    {
+        header.clear();
+        payload.clear();
+        // The first byte may be long in coming (an idle client); the rest
+        // of the frame follows it at once from any client that is well.
+        if (!ReadExactly(fd, header, 1, After(limits.nIdleTimeoutMs)))
+            return false;
+        Deadline frame = After(limits.nStallTimeoutMs);
+        if (!ReadExactly(fd, header, kHeaderBytes - 1, frame))
+            return false;
+        std::uint32_t length = GetU32(header, 0);
+        if (length > kNetMaxPayloadBytes)
+            return false; // cannot find the next frame again
+        return ReadExactly(fd, payload, length, frame);
+    }
+
+    // Writes all bytes; false on error, on stop, or when the client reads
+    // nothing for the stall time-out.
     bool WriteAll(int fd, const std::string& bytes)
     {
         std::size_t sent = 0;
@@ -167,10 +226,7 @@ struct CSimTcpServer::Impl {
                 continue;
             if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK))
                 return false;
-            pollfd fds[2] = {{fd, POLLOUT, 0}, {wake[0], POLLIN, 0}};
-            if (::poll(fds, 2, -1) < 0 && errno != EINTR)
-                return false;
-            if (fds[1].revents & POLLIN)
+            if (!WaitFor(fd, POLLOUT, After(limits.nStallTimeoutMs)))
                 return false;
         }
         return true;
@@ -271,7 +327,7 @@ struct CSimTcpServer::Impl {
     }
 
     Answer Handle(std::uint32_t functionId, std::uint32_t handle, const std::string& payload,
-                  std::map<std::uint32_t, std::size_t>& handles, std::uint32_t& nextHandle)
+                  std::map<std::uint32_t, std::size_t>& handles)
     {
         Answer answer;
         auto refuse = [&answer](std::uint32_t status, std::string text) {
@@ -301,8 +357,15 @@ struct CSimTcpServer::Impl {
         case kNetFnOpenDrive:
             for (std::size_t i = 0; i < drives.size(); ++i) {
                 if (drives[i].sName == payload) {
-                    handles[nextHandle] = i;
-                    PutU32(answer.sPayload, nextHandle++);
+                    if (handles.size() >= static_cast<std::size_t>(limits.nMaxHandles))
+                        return refuse(kNetStatusBadRequest, "at most " + std::to_string(limits.nMaxHandles)
+                                                                + " drives can be open on one connection");
+                    // The smallest free number, so handles are reused and stay small.
+                    std::uint32_t number = 1;
+                    while (handles.count(number))
+                        ++number;
+                    handles[number] = i;
+                    PutU32(answer.sPayload, number);
                     return answer;
                 }
             }
@@ -345,9 +408,9 @@ struct CSimTcpServer::Impl {
         case FaultKind::kHalfHeader: {
             // Half a header, then silence until the client gives up.
             WriteAll(fd, Frame(length, functionId, answer.nStatus).substr(0, kHeaderBytes / 2));
-            char sink[256];
-            while (ReadExactly(fd, sink, 1)) {
-            }
+            std::string sink;
+            while (ReadExactly(fd, sink, 1, After(limits.nIdleTimeoutMs)))
+                sink.clear();
             return false;
         }
         case FaultKind::kDropConnection:
@@ -361,21 +424,21 @@ struct CSimTcpServer::Impl {
     void Serve(Client& client)
     {
         pthread_setname_np(pthread_self(), "SimTcpClient");
-        std::map<std::uint32_t, std::size_t> handles;
-        std::uint32_t nextHandle = 1;
-        std::string header(kHeaderBytes, '\0');
-        std::string payload;
-        while (ReadExactly(client.fd, header.data(), kHeaderBytes)) {
-            std::uint32_t length = GetU32(header, 0);
-            std::uint32_t functionId = GetU32(header, 4);
-            std::uint32_t word3 = GetU32(header, 8);
-            if (length > kNetMaxPayloadBytes)
-                break; // cannot find the next frame again
-            payload.assign(length, '\0');
-            if (!ReadExactly(client.fd, payload.data(), length))
-                break;
-            if (!Send(client.fd, functionId, Handle(functionId, word3, payload, handles, nextHandle)))
-                break;
+        try {
+            std::map<std::uint32_t, std::size_t> handles;
+            std::string header;
+            std::string payload;
+            while (ReadRequest(client.fd, header, payload)) {
+                std::uint32_t functionId = GetU32(header, 4);
+                std::uint32_t word3 = GetU32(header, 8);
+                if (!Send(client.fd, functionId, Handle(functionId, word3, payload, handles)))
+                    break;
+                if (payload.capacity() > kKeptPayloadBytes)
+                    std::string().swap(payload);
+            }
+        } catch (const std::exception& e) {
+            // Whatever one client brings about ends its connection, never the device.
+            Trace::Printf("SimTcpServer: connection dropped: %s\n", e.what());
         }
         ::shutdown(client.fd, SHUT_RDWR);
         ::close(client.fd);
@@ -396,30 +459,67 @@ struct CSimTcpServer::Impl {
         }
     }
 
+    // Takes one waiting connection; false when accept failed for want of
+    // descriptors, memory or threads, and the loop should back off.
+    bool AcceptOne()
+    {
+        int fd = ::accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0) {
+            if (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK || errno == ECONNABORTED
+                || errno == EPROTO || errno == EPERM)
+                return true; // the peer gave up, or nothing is waiting after all
+            Trace::Printf("SimTcpServer: accept: %s\n", std::strerror(errno));
+            return false;
+        }
+        ++acceptedCount;
+        if (clientCount.load() >= limits.nMaxClients) {
+            // Closed at once: the client reads the end of the connection
+            // rather than waiting for a device that will never answer.
+            Trace::Printf("SimTcpServer: %d connections are served; one more refused\n", limits.nMaxClients);
+            ++refusedCount;
+            ::close(fd);
+            return true;
+        }
+        int on = 1;
+        ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        auto client = std::make_unique<Client>();
+        client->fd = fd;
+        Client& ref = *client;
+        std::lock_guard lock(clientsLock);
+        ++clientCount;
+        try {
+            ref.thread = std::thread([this, &ref] { Serve(ref); });
+        } catch (const std::system_error& e) {
+            Trace::Printf("SimTcpServer: no thread for a connection: %s\n", e.what());
+            --clientCount;
+            ++refusedCount;
+            ::close(fd);
+            return false;
+        }
+        clients.push_back(std::move(client));
+        return true;
+    }
+
     void AcceptLoop()
     {
         pthread_setname_np(pthread_self(), "SimTcpAccept");
+        int backoffMs = 0;
         for (;;) {
+            ReapFinished();
             pollfd fds[2] = {{listenFd, POLLIN, 0}, {wake[0], POLLIN, 0}};
-            int ready = ::poll(fds, 2, -1);
+            // While backing off only the stop is watched, so a full
+            // descriptor table is not hammered with accepts that must fail.
+            int ready = ::poll(backoffMs ? fds + 1 : fds, backoffMs ? 1 : 2, backoffMs ? backoffMs : kReapIntervalMs);
             if (ready < 0 && errno == EINTR)
                 continue;
             if (ready < 0 || (fds[1].revents & POLLIN))
                 return;
-            int fd = ::accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
-            if (fd < 0)
-                continue;
-            int on = 1;
-            ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-            ReapFinished();
-            ++clientCount;
-            ++acceptedCount;
-            auto client = std::make_unique<Client>();
-            client->fd = fd;
-            Client& ref = *client;
-            std::lock_guard lock(clientsLock);
-            clients.push_back(std::move(client));
-            ref.thread = std::thread([this, &ref] { Serve(ref); });
+            if (backoffMs || (fds[0].revents & POLLIN)) {
+                if (AcceptOne())
+                    backoffMs = 0;
+                else
+                    backoffMs = std::min(kMaxAcceptBackoffMs, backoffMs ? 2 * backoffMs : 10);
+            }
         }
     }
 };
@@ -481,13 +581,13 @@ void CSimTcpServer::Start(const std::string& host, std::uint16_t port)
         ::freeaddrinfo(found);
     }
 
-    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0)
         throw std::system_error(errno, std::generic_category(), "socket");
     int on = 1;
     ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     socklen_t size = sizeof address;
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || ::listen(fd, 16) != 0
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || ::listen(fd, 64) != 0
         || ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
         int error = errno;
         ::close(fd);
@@ -555,6 +655,23 @@ int CSimTcpServer::ClientCount() const
 int CSimTcpServer::AcceptedCount() const
 {
     return m_pImpl->acceptedCount;
+}
+
+int CSimTcpServer::RefusedCount() const
+{
+    return m_pImpl->refusedCount;
+}
+
+void CSimTcpServer::SetLimits(const SimTcpLimits& limits)
+{
+    if (m_pImpl->listenFd >= 0)
+        throw std::logic_error("limits are set before the virtual network device starts");
+    m_pImpl->limits = limits;
+}
+
+const SimTcpLimits& CSimTcpServer::Limits() const
+{
+    return m_pImpl->limits;
 }
 
 CSimFaults& CSimTcpServer::Faults()

@@ -21,6 +21,14 @@
 
 namespace tessitor::sim {
 
+/// What keeps the device serving whatever its clients do. Times in ms; 0 = no limit.
+struct SimTcpLimits {
+    int nMaxClients = 16;         ///< connections served at once; one more is closed as soon as accepted
+    int nIdleTimeoutMs = 600000;  ///< a connection with no request for this long is closed
+    int nStallTimeoutMs = 10000;  ///< a request begun (or a reply unread) for this long ends the connection
+    int nMaxHandles = 64;         ///< drives open at once on one connection; one more open is refused (0x202)
+};
+
 class CSimTcpServer {
 public:
     /// A device with three drives of product (at version, "" = its newest):
@@ -40,6 +48,10 @@ public:
     /// Names of the drives, in the order the device lists them.
     std::vector<std::string> DriveNames() const;
 
+    /// Sets the limits (before Start).
+    void SetLimits(const SimTcpLimits& limits);
+    const SimTcpLimits& Limits() const;
+
     /// Listens on host (an IPv4 address or name) and port (0 = a free one)
     /// and starts serving; throws std::system_error when it cannot.
     void Start(const std::string& host = "127.0.0.1", std::uint16_t port = 0);
@@ -51,8 +63,10 @@ public:
     std::uint16_t Port() const;
     /// Connections being served now.
     int ClientCount() const;
-    /// Connections accepted since Start.
+    /// Connections accepted since Start, refused ones included.
     int AcceptedCount() const;
+    /// Connections closed at once since Start: over the cap, or no thread to serve them.
+    int RefusedCount() const;
     /// Faults injected into replies; change them at any time.
     CSimFaults& Faults();
 

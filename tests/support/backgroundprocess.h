@@ -20,6 +20,8 @@ public:
 
     /// The first line of stdout without its newline; "" when none came in 20 s.
     std::string FirstLine();
+    /// The process id (-1 when it could not be started or was stopped).
+    pid_t Pid() const { return m_nPid; }
     /// Sends signal, waits, and returns the exit status (-1 when it did not exit normally).
     int Stop(int signal = SIGINT);
 

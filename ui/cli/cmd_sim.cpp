@@ -1,10 +1,13 @@
 // tessitor sim: serve a virtual drive on a pseudo-terminal, or three behind
 // a network device on a TCP port, until SIGINT or SIGTERM. The first line
 // of stdout is the device path (or HOST:PORT) a client opens.
+#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstdio>
@@ -14,6 +17,7 @@
 #include <memory>
 #include <system_error>
 
+#include "core/trace.h"
 #include "sim/simserialserver.h"
 #include "sim/simtcpserver.h"
 #include "ui/cli/clicontext.h"
@@ -29,7 +33,34 @@ struct SimOptions {
     unsigned nPace = 0;
     std::vector<std::string> arFaults;
     std::string sFlash;
+    int nMaxClients = sim::SimTcpLimits{}.nMaxClients;
+    int nIdleTimeoutS = sim::SimTcpLimits{}.nIdleTimeoutMs / 1000;
 };
+
+// A request stalled mid-frame is dropped after this long, or after the idle
+// time-out when that is shorter [s].
+constexpr int kStallTimeoutS = 10;
+
+// Refuses, before anything is served, a flash file that could not be
+// written at exit: a read-only file, or a folder where the temporary file
+// that replaces it cannot be made. The probe leaves nothing behind.
+void CheckFlashWritable(const std::string& path)
+{
+    struct stat st {};
+    if (::stat(path.c_str(), &st) == 0) {
+        if (!S_ISREG(st.st_mode))
+            throw UsageError("the flash file " + path + " is not a regular file");
+        // Root may write anything; a file nobody may write is still refused as read-only.
+        if ((st.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0 || ::access(path.c_str(), W_OK) != 0)
+            throw UsageError("the flash file " + path + " is read-only");
+    }
+    std::string probe = path + ".XXXXXX";
+    int fd = ::mkstemp(probe.data());
+    if (fd < 0)
+        throw UsageError("the flash file " + path + " cannot be written: " + std::strerror(errno));
+    ::close(fd);
+    ::unlink(probe.c_str());
+}
 
 // Reads the flash image kept by an earlier run; an absent file is a fresh drive.
 void LoadFlash(sim::CSimDrive& drive, const std::string& path)
@@ -47,16 +78,28 @@ void LoadFlash(sim::CSimDrive& drive, const std::string& path)
 bool SaveFlash(sim::CSimDrive& drive, const std::string& path)
 {
     std::vector<std::uint8_t> image = drive.Flash();
-    std::string temporary = path + ".tmp";
-    {
-        std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-        out.write(reinterpret_cast<const char*>(image.data()), static_cast<std::streamsize>(image.size()));
-        if (!out.flush()) {
-            std::remove(temporary.c_str());
-            return false;
-        }
+    std::string temporary = path + ".XXXXXX";
+    int fd = ::mkstemp(temporary.data());
+    if (fd < 0)
+        return false;
+    ::fchmod(fd, 0644);
+    std::size_t done = 0;
+    while (done < image.size()) {
+        ssize_t n = ::write(fd, image.data() + done, image.size() - done);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        done += static_cast<std::size_t>(n);
     }
-    return std::rename(temporary.c_str(), path.c_str()) == 0;
+    bool ok = done == image.size() && ::fsync(fd) == 0;
+    ok = ::close(fd) == 0 && ok;
+    if (ok && std::rename(temporary.c_str(), path.c_str()) == 0)
+        return true;
+    int error = errno;
+    ::unlink(temporary.c_str());
+    errno = error;
+    return false;
 }
 
 // The network device face: prints HOST:PORT, serves until SIGINT or SIGTERM.
@@ -65,6 +108,8 @@ int ServeTcp(const std::string& where, const std::string& product, const SimOpti
 {
     if (options.nPace != 0 || !options.sFlash.empty())
         throw UsageError("--pace and --flash go with --serial");
+    if (options.nMaxClients < 1)
+        throw UsageError("--max-clients takes a number of 1 or more");
     std::string host = "127.0.0.1";
     std::string port = where;
     if (size_t colon = where.rfind(':'); colon != std::string::npos) {
@@ -86,6 +131,14 @@ int ServeTcp(const std::string& where, const std::string& product, const SimOpti
     }
     for (const sim::FaultRule& rule : faults)
         server->Faults().Add(rule);
+    // Opened now: at the descriptor limit, when its lines matter most, the trace could not open.
+    Trace::Enabled();
+    sim::SimTcpLimits limits;
+    limits.nMaxClients = options.nMaxClients;
+    limits.nIdleTimeoutMs = options.nIdleTimeoutS * 1000;
+    limits.nStallTimeoutMs =
+        1000 * (options.nIdleTimeoutS > 0 ? std::min(options.nIdleTimeoutS, kStallTimeoutS) : kStallTimeoutS);
+    server->SetLimits(limits);
 
     sigset_t stopSignals;
     sigemptyset(&stopSignals);
@@ -134,6 +187,14 @@ void RegisterSimCommand(CLI::App& app, CCliContext& context)
     sub->add_option("--flash", options->sFlash,
                     "Keep the drive's flash (what SV saves) in FILE: loaded at start, written at exit")
         ->type_name("FILE");
+    CLI::Option* maxClients = sub->add_option("--max-clients", options->nMaxClients,
+                    "With --tcp: connections served at once; one more is closed at once (default 16)")
+        ->type_name("N");
+    CLI::Option* idleTimeout = sub->add_option("--idle-timeout", options->nIdleTimeoutS,
+                    "With --tcp: close a connection that sent no request for SECONDS (default 600;\n"
+                    "0 = never); a request stalled halfway is dropped after 10 s (or SECONDS if shorter)")
+        ->check(CLI::Range(0, 86400 * 365).description(""))
+        ->type_name("SECONDS");
     sub->footer(
         "Prints the pseudo-terminal's path (with --tcp: HOST:PORT) as the first line of stdout,\n"
         "then serves until interrupted (SIGINT or SIGTERM). The product is chosen with --product\n"
@@ -149,9 +210,11 @@ void RegisterSimCommand(CLI::App& app, CCliContext& context)
         "  tessitor sim --tcp 0 --fault half-header:/SR:once\n"
         "  tessitor send --tcp 127.0.0.1:47150 --target \"RS232 Port 2\" VR\n"
         "  tessitor send --serial /dev/pts/5 VR");
-    context.SetAction(sub, [&context, options] {
+    context.SetAction(sub, [&context, options, maxClients, idleTimeout] {
         if (options->bSerial == !options->sTcp.empty())
             throw UsageError("choose one face to serve: --serial or --tcp [HOST:]PORT");
+        if (options->bSerial && (maxClients->count() != 0 || idleTimeout->count() != 0))
+            throw UsageError("--max-clients and --idle-timeout go with --tcp");
         if (context.m_Options.m_bSim || !context.m_Options.m_sSerialPath.empty() || !context.m_Options.m_sTcp.empty()
             || !context.m_Options.m_sConnLine.empty() || context.m_Options.m_bLast)
             throw UsageError("'sim' serves a drive; it takes no connection options");
@@ -175,8 +238,10 @@ void RegisterSimCommand(CLI::App& app, CCliContext& context)
         } catch (const std::runtime_error& e) {
             throw ConnectError(std::string("tessitor sim: ") + e.what());
         }
-        if (!options->sFlash.empty())
+        if (!options->sFlash.empty()) {
+            CheckFlashWritable(options->sFlash);
             LoadFlash(*drive, options->sFlash);
+        }
 
         // Block the stop signals before the serving thread starts, so that it
         // inherits the mask and only sigwait below sees them.
