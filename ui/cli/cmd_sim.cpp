@@ -207,9 +207,12 @@ void RegisterSimCommand(CLI::App& app, CCliContext& context)
         "  tessitor sim --serial\n"
         "  tessitor sim --serial --product Bressa --pace 19200\n"
         "  tessitor sim --serial --fault drop:/SR --fault error:/MO:1\n"
+        "  tessitor sim --serial --flash drive.flash\n"
         "  tessitor sim --tcp 0 --fault half-header:/SR:once\n"
-        "  tessitor send --tcp 127.0.0.1:47150 --target \"RS232 Port 2\" VR\n"
-        "  tessitor send --serial /dev/pts/5 VR");
+        "  tessitor sim --tcp 0 --max-clients 4 --idle-timeout 60\n"
+        "Then, from another terminal, with PATH or HOST:PORT as the sim printed it:\n"
+        "  tessitor send --serial PATH VR\n"
+        "  tessitor send --tcp HOST:PORT --target \"RS232 Port 2\" VR");
     context.SetAction(sub, [&context, options, maxClients, idleTimeout] {
         if (options->bSerial == !options->sTcp.empty())
             throw UsageError("choose one face to serve: --serial or --tcp [HOST:]PORT");
