@@ -1,5 +1,6 @@
 #include "sim/simdrive.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cmath>
 #include <cstdio>
@@ -61,6 +62,9 @@ constexpr unsigned kInEnable = 1u << 13;
 
 // The longest command line the drive takes.
 constexpr std::size_t kMaxLine = 8190;
+
+// Bytes of the parameter image per chunk of "IM[n]" and "IM[n]=hex".
+constexpr std::size_t kImageChunk = 2048;
 
 // Commands the drive knows that carry no parameter of the version database.
 const char* const kBuiltins[] = {"VR", "SR", "EC", "BG", "ST", "SV", "LD", "LS", "CC",
@@ -129,6 +133,7 @@ struct CSimDrive::Impl {
     std::vector<double> arValues;
     std::map<std::string, std::vector<std::size_t>> mapElements;
     std::vector<std::uint8_t> arFlash;
+    std::vector<std::uint8_t> arImageChunks; // "IM[n]=hex" received so far
     int nLastError = 0;
 
     mutable std::mutex csDrive;
@@ -156,6 +161,7 @@ struct CSimDrive::Impl {
     int Query(const SimCommand& command, std::string& value);
     int Assign(const SimCommand& command);
     int Builtin(const SimCommand& command, std::string& value);
+    int Image(const SimCommand& command, std::string& value);
     int CheckProgramCommand(const std::string& line) const;
     int CheckAssignment(const SimParamDef& param, const std::string& text, double& value) const;
     bool LiveValue(const SimParamDef& param, double& value) const;
@@ -436,9 +442,51 @@ int CSimDrive::Impl::Assign(const SimCommand& command)
     return 0;
 }
 
+// "IM" and "IM=hex" carry the whole image; "IM[n]" answers chunk n and
+// "IM[n]=hex" writes it, the image taking effect when its last chunk arrives.
+int CSimDrive::Impl::Image(const SimCommand& command, std::string& value)
+{
+    if (!command.bAssign) {
+        std::vector<std::uint8_t> image = EncodeImage(*pList, arValues);
+        std::size_t first = command.bIndexed ? static_cast<std::size_t>(command.nIndex) * kImageChunk : 0;
+        if (command.bIndexed && (command.nIndex < 0 || first > image.size()))
+            return kErrBadIndex;
+        std::size_t count = command.bIndexed ? std::min(kImageChunk, image.size() - first) : image.size();
+        value = HexText({image.begin() + static_cast<std::ptrdiff_t>(first),
+                         image.begin() + static_cast<std::ptrdiff_t>(first + count)});
+        return 0;
+    }
+    if (motor.MotorOn())
+        return kErrMotorMustBeOff;
+    std::vector<std::uint8_t> bytes;
+    if (!HexBytes(command.sValue, bytes))
+        return kErrBadNumber;
+    std::vector<std::uint8_t> image;
+    if (command.bIndexed) {
+        // Chunks come in order from 0; chunk 0 starts the image anew.
+        if (command.nIndex == 0)
+            arImageChunks.clear();
+        if (command.nIndex < 0 || static_cast<std::size_t>(command.nIndex) * kImageChunk != arImageChunks.size())
+            return kErrBadIndex;
+        bool whole = bytes.size() == kImageChunk;
+        arImageChunks.insert(arImageChunks.end(), bytes.begin(), bytes.end());
+        if (arImageChunks.size() < ImageSize(*pList) && whole)
+            return 0;
+        image.swap(arImageChunks);
+    } else {
+        image.swap(bytes);
+    }
+    if (int error = DecodeImage(*pList, image, arValues))
+        return error;
+    ApplyMotorParams();
+    return 0;
+}
+
 int CSimDrive::Impl::Builtin(const SimCommand& command, std::string& value)
 {
     const std::string& m = command.sMnemonic;
+    if (m == "IM")
+        return Image(command, value);
     if (command.bIndexed)
         return kErrBadIndex;
     if (m == "BH") {
@@ -452,21 +500,6 @@ int CSimDrive::Impl::Builtin(const SimCommand& command, std::string& value)
             return kErrBadMask;
         return recorder.Upload(static_cast<unsigned>(mask), static_cast<int>(Value("RP", 8)),
                                static_cast<int>(Value("RP", 9)), value);
-    }
-    if (m == "IM") {
-        if (!command.bAssign) {
-            value = HexText(EncodeImage(*pList, arValues));
-            return 0;
-        }
-        if (motor.MotorOn())
-            return kErrMotorMustBeOff;
-        std::vector<std::uint8_t> image;
-        if (!HexBytes(command.sValue, image))
-            return kErrBadNumber;
-        if (int error = DecodeImage(*pList, image, arValues))
-            return error;
-        ApplyMotorParams();
-        return 0;
     }
     if (command.bAssign)
         return kErrCannotAssign;

@@ -1,0 +1,313 @@
+#include "applicationeditor/application.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include "core/strformat.h"
+#include "core/trace.h"
+
+namespace tessitor {
+
+namespace {
+
+// End tags are "<end_" + name + ">", in lower case for groups and fields alike.
+constexpr char kEndPrefix[] = "end_";
+
+std::string EndTag(const std::string& name)
+{
+    return StrFormat("<%s%s>", kEndPrefix, name.c_str());
+}
+
+// The next line without its line end (LF or CR LF, as a text-mode read gives it).
+bool ReadLine(std::istream& in, std::string& line)
+{
+    if (!std::getline(in, line))
+        return false;
+    if (!line.empty() && line.back() == '\r')
+        line.pop_back();
+    return true;
+}
+
+// The text between the first "<" and the first ">"; false when either is
+// missing or the "<" stands behind the ">". gt receives the ">" position.
+bool TagName(const std::string& line, std::string& name, std::size_t& gt)
+{
+    std::size_t lt = line.find('<');
+    gt = line.find('>');
+    if (lt == std::string::npos || gt == std::string::npos || lt > gt)
+        return false;
+    name = line.substr(lt + 1, gt - lt - 1);
+    return true;
+}
+
+// The path a save replaces: a symbolic link is followed, so that the link
+// stays and the file it names gets the new contents.
+std::filesystem::path SaveTarget(const std::string& fileName)
+{
+    std::filesystem::path path(fileName);
+    std::error_code error;
+    for (int hops = 0; hops < 40 && std::filesystem::is_symlink(path, error); ++hops) {
+        std::filesystem::path link = std::filesystem::read_symlink(path, error);
+        if (error)
+            break;
+        path = link.is_absolute() ? link : path.parent_path() / link;
+    }
+    return path;
+}
+
+bool WriteAll(int fd, const std::string& text)
+{
+    std::size_t done = 0;
+    while (done < text.size()) {
+        ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        done += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+void TraceSaveFailure(const std::string& path, const char* step, int error)
+{
+    Trace::Write("CApplication:: Unable to open file for Update.\n");
+    Trace::Printf("CApplication::Update: %s: %s: %s\n", path.c_str(), step, std::strerror(error));
+}
+
+} // namespace
+
+CApplication::CApplication(std::string fileName) : m_sFileName(std::move(fileName))
+{
+    m_nLoaded = LoadData();
+}
+
+CApplication::~CApplication()
+{
+    if (m_bModified)
+        Update(true);
+}
+
+void CApplication::Update(bool bSave)
+{
+    if (!bSave) {
+        m_nLoaded = LoadData(); // merges: the groups held are not emptied first
+        return;
+    }
+    if (!m_bModified)
+        return;
+    if (Save()) {
+        m_bModified = false;
+        m_nLoaded = 1;
+    } else {
+        m_nLoaded = 0;
+    }
+}
+
+int CApplication::LoadData()
+{
+    std::ifstream in(m_sFileName, std::ios::binary);
+    int loaded = 0;
+    if (in)
+        loaded = LoadFrom(in);
+    else
+        Trace::Write("CApplication:: Unable to open file for Read on LoadDatat the file will be create in first "
+                     "Update .\n");
+    m_bModified = false;
+    return loaded;
+}
+
+int CApplication::LoadFrom(std::istream& in)
+{
+    std::string line;
+    bool haveLine = ReadLine(in, line);
+    while (haveLine) {
+        std::string group;
+        std::size_t gt = 0;
+        if (!TagName(line, group, gt)) {
+            haveLine = ReadLine(in, line);
+            continue;
+        }
+        const std::string groupEnd = EndTag(group);
+        haveLine = ReadLine(in, line);
+        while (haveLine) {
+            if (line.find(groupEnd) != std::string::npos) {
+                haveLine = ReadLine(in, line);
+                break;
+            }
+            std::string field;
+            if (!TagName(line, field, gt)) {
+                // A line without a tag ends the group; the next line may start one.
+                haveLine = ReadLine(in, line);
+                break;
+            }
+            const std::string fieldEnd = EndTag(field);
+            std::string value;
+            std::size_t end = line.find(fieldEnd, gt + 1);
+            if (end != std::string::npos) {
+                value = line.substr(gt + 1, end - gt - 1);
+            } else {
+                // Lines of a multi-line value are joined with "\n\r", not with
+                // the "\n" they were written with: files have always read back so.
+                value = line.substr(gt + 1);
+                while (ReadLine(in, line)) {
+                    end = line.find(fieldEnd);
+                    value += "\n\r";
+                    if (end != std::string::npos) {
+                        value += line.substr(0, end);
+                        break;
+                    }
+                    value += line;
+                }
+            }
+            SetValue(group, field, value);
+            haveLine = ReadLine(in, line);
+        }
+    }
+    return 1;
+}
+
+std::string CApplication::FileText() const
+{
+    std::string text;
+    for (const auto& group : m_arGroups) {
+        text += "<" + group->GetName() + ">\n";
+        for (const auto& field : group->Fields())
+            text += "\t<" + field->m_sName + ">" + field->m_sValue + EndTag(field->m_sName) + "\n";
+        text += EndTag(group->GetName()) + "\n";
+    }
+    // Every "\n" becomes CR LF, values' own line breaks included, as a
+    // text-mode write does: the files travel to and from Windows.
+    std::string crlf;
+    crlf.reserve(text.size() + text.size() / 16);
+    for (char c : text) {
+        if (c == '\n')
+            crlf += '\r';
+        crlf += c;
+    }
+    return crlf;
+}
+
+const CItemGroup* CApplication::FindGroup(const std::string& name) const
+{
+    for (const auto& group : m_arGroups)
+        if (EqualNoCase(group->GetName(), name))
+            return group.get();
+    return nullptr;
+}
+
+std::string CApplication::GetValue(const std::string& group, const std::string& field) const
+{
+    const CItemGroup* g = FindGroup(group);
+    const CItemField* f = g ? g->FindField(field) : nullptr;
+    return f ? f->m_sValue : std::string();
+}
+
+std::int32_t CApplication::GetInt(const std::string& group, const std::string& field) const
+{
+    int value = 0;
+    if (std::sscanf(GetValue(group, field).c_str(), "%d", &value) != 1)
+        return 0;
+    return value;
+}
+
+int CApplication::SetValue(const std::string& group, const std::string& field, const std::string& value)
+{
+    auto* g = const_cast<CItemGroup*>(FindGroup(group));
+    if (!g) {
+        m_arGroups.push_back(std::make_unique<CItemGroup>(group));
+        g = m_arGroups.back().get();
+    }
+    g->AddField(field).m_sValue = value;
+    m_bModified = true;
+    return 1;
+}
+
+void CApplication::SetInt(const std::string& group, const std::string& field, std::int32_t value)
+{
+    SetValue(group, field, StrFormat("%d", value));
+}
+
+void CApplication::RemoveAll()
+{
+    m_arGroups.clear();
+    m_bModified = true;
+}
+
+bool CApplication::IsReadOnly() const
+{
+    std::filesystem::path target = SaveTarget(m_sFileName);
+    struct stat st {};
+    if (::stat(target.c_str(), &st) != 0)
+        return false;
+    // No write bit is the read-only attribute, also for root, whom access() lets through.
+    return (st.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0 || ::access(target.c_str(), W_OK) != 0;
+}
+
+bool CApplication::Save()
+{
+    std::filesystem::path target = SaveTarget(m_sFileName);
+    if (IsReadOnly()) {
+        TraceSaveFailure(target.string(), "read-only", EACCES);
+        return false;
+    }
+    struct stat old {};
+    bool existed = ::stat(target.c_str(), &old) == 0;
+
+    static std::atomic<unsigned> s_nCounter{0};
+    std::filesystem::path dir = target.parent_path().empty() ? "." : target.parent_path();
+    std::string temp;
+    int fd = -1;
+    for (int attempt = 0; attempt < 100 && fd < 0; ++attempt) {
+        temp = (dir / StrFormat(".%s.%d.%u.tmp", target.filename().c_str(), static_cast<int>(::getpid()),
+                                s_nCounter.fetch_add(1)))
+                   .string();
+        // 0666 less the umask, as a new file gets; an old file's mode is copied below.
+        fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (fd < 0 && errno != EEXIST)
+            break;
+    }
+    if (fd < 0) {
+        TraceSaveFailure(target.string(), "create", errno);
+        return false;
+    }
+    if (existed) {
+        (void)::fchown(fd, old.st_uid, old.st_gid); // keeps the owner where allowed
+        (void)::fchmod(fd, old.st_mode & 07777);
+    }
+    const char* step = nullptr;
+    if (!WriteAll(fd, FileText()))
+        step = "write";
+    else if (::fsync(fd) != 0)
+        step = "fsync";
+    int error = errno;
+    if (::close(fd) != 0 && !step) {
+        step = "close";
+        error = errno;
+    }
+    if (!step && ::rename(temp.c_str(), target.c_str()) != 0) {
+        step = "rename";
+        error = errno;
+    }
+    if (step) {
+        ::unlink(temp.c_str());
+        TraceSaveFailure(target.string(), step, error);
+        return false;
+    }
+    // The rename itself is made durable with the folder.
+    if (int dirFd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); dirFd >= 0) {
+        (void)::fsync(dirFd);
+        ::close(dirFd);
+    }
+    return true;
+}
+
+} // namespace tessitor
