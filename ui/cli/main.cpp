@@ -37,6 +37,7 @@ int main(int argc, char** argv)
     RegisterDemoCommand(app, context);
     RegisterSdoCommand(app, context);
     RegisterCanCommand(app, context);
+    RegisterAppCommand(app, context);
 
     try {
         app.parse(argc, argv);

@@ -1,0 +1,196 @@
+// The family command methods end to end: image and program transfers
+// against the virtual drive over a pseudo-terminal and over loopback TCP,
+// and the chunking against a scripted drive whose image is larger than one
+// chunk (the virtual drive's images all fit one).
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+
+#include "applicationeditor/datfile.h"
+#include "applicationeditor/nolbrers232methods.h"
+#include "applicationeditor/talrs232methods.h"
+#include "applicationeditor/versiondb.h"
+#include "communication/rs232.h"
+#include "communication/tcp.h"
+#include "sim/simserialserver.h"
+#include "sim/simtcpserver.h"
+#include "tests/applicationeditor/apptesthelpers.h"
+#include "tests/support/scriptedpeer.h"
+#include "tests/tcp/tcppeer.h"
+
+namespace tessitor {
+namespace {
+
+using test::CRecordingWindow;
+using test::Thrown;
+
+// A virtual drive of product reached over the serial face or the network device.
+struct DriveLink {
+    std::unique_ptr<sim::CSimSerialServer> pSerial;
+    std::unique_ptr<sim::CSimTcpServer> pDevice;
+    std::unique_ptr<CCommunication> pLink;
+};
+
+DriveLink Connect(const std::string& product, bool tcp)
+{
+    DriveLink d;
+    if (tcp) {
+        d.pDevice = std::make_unique<sim::CSimTcpServer>(product);
+        d.pDevice->Start();
+        CCommunicationInfo info;
+        info.m_sCommType = "TCP";
+        info.abIP = {127, 0, 0, 1};
+        info.sDesc = "RS232 Port 1";
+        d.pLink = std::make_unique<CTCP>(info, d.pDevice->Port());
+    } else {
+        d.pSerial = std::make_unique<sim::CSimSerialServer>(std::make_shared<sim::CSimDrive>(product));
+        d.pSerial->Start();
+        auto link = std::make_unique<CRs232>(CCommunicationInfo{});
+        link->SetDevicePath(d.pSerial->SlavePath());
+        d.pLink = std::move(link);
+    }
+    EXPECT_EQ(0, d.pLink->Connect());
+    d.pLink->Identify();
+    return d;
+}
+
+TEST(ProductMethods, ImageAndProgramTravelBothWaysOverSerialAndTcpForBothFamilies)
+{
+    for (bool tcp : {false, true}) {
+        for (const char* product : {"Talvina", "Bressa"}) {
+            SCOPED_TRACE(std::string(product) + (tcp ? " over TCP" : " over a serial line"));
+            DriveLink d = Connect(product, tcp);
+            auto methods = CreateProductMethods(*d.pLink);
+            bool tal = std::string(product) == "Talvina";
+            const VersionLayout* layout = methods->GetDriveLayout();
+            ASSERT_TRUE(layout);
+            auto kp2 = std::find_if(layout->arItems.begin(), layout->arItems.end(),
+                                    [](const CControlItem& item) { return item.GetName() == "KP[2]"; });
+            std::size_t kp2Offset = 0;
+            for (auto it = layout->arItems.begin(); it != kp2; ++it)
+                kp2Offset += static_cast<std::size_t>(it->GetSize());
+            CRecordingWindow upWindow, downWindow, programWindow;
+
+            methods->SendCommand("KP[2]=0.5", 2000);
+            std::string hex = methods->UploadImage(&upWindow);
+            std::vector<std::uint8_t> image;
+            ASSERT_EQ("", layout->ImageFromText(hex, image));
+            double uploaded = kp2->GetValue(image.data() + kp2Offset, layout->bWordSwap);
+            kp2->SetValue(0.25, image.data() + kp2Offset, layout->bWordSwap);
+            methods->DownloadImage(CDatFile::EncodeParams(image), &downWindow);
+            std::string downloaded = methods->SendCommand("KP[2]", 2000);
+            auto mismatch = Thrown([&] { methods->DownloadImage(hex + "AABB"); });
+            std::string afterMismatch = methods->SendCommand("KP[2]", 2000);
+
+            // A program as a file gives it back after a save and a load: "\n\r" between lines.
+            methods->DownloadProgram("MO=0\n\r'comment\n\r\n\rWT=10", &programWindow);
+            std::string listing = methods->UploadProgram();
+            bool compiledByDownload = std::stoul(methods->SendCommand("SR", 2000)) >> 9 & 1;
+            std::string compile = methods->CompileProgram();
+            bool compiledNow = std::stoul(methods->SendCommand("SR", 2000)) >> 9 & 1;
+            methods->DownloadProgram("");
+            std::string emptyListing = methods->UploadProgram();
+
+            EXPECT_EQ(tal ? "Tal" : "NolBre", std::string(methods->GetFamily()));
+            EXPECT_EQ(tal, dynamic_cast<CTalRs232Methods*>(methods.get()) != nullptr);
+            EXPECT_EQ(!tal, dynamic_cast<CNolBreRs232Methods*>(methods.get()) != nullptr);
+            EXPECT_EQ(layout->ImageSize() * 2, hex.size());
+            EXPECT_DOUBLE_EQ(0.5, uploaded); // a parameter set by command is at its place in the image
+            EXPECT_EQ("0.25", downloaded);   // and an image written changes the parameter
+            EXPECT_EQ(kSizeMismatchText, mismatch.FillMessage());
+            EXPECT_EQ(kErrSrcLink, mismatch.m_nErrorSource);
+            EXPECT_EQ("0.25", afterMismatch);
+            std::size_t size = layout->ImageSize();
+            EXPECT_EQ((std::vector<CRecordingWindow::Message>{{kMsgTransferStart, size, kImageChunkBytes},
+                                                              {kMsgTransferStep, size, size},
+                                                              {kMsgTransferEnd, 0, 0}}),
+                      upWindow.m_arMessages);
+            EXPECT_EQ(upWindow.m_arMessages, downWindow.m_arMessages);
+            EXPECT_EQ("MO=0\n'comment\n\nWT=10", listing);
+            EXPECT_EQ(tal, compiledByDownload); // NolBre leaves "CC" to the caller
+            EXPECT_EQ("4", compile);
+            EXPECT_TRUE(compiledNow);
+            EXPECT_EQ("", emptyListing);
+            ASSERT_EQ(6u, programWindow.m_arMessages.size());
+            EXPECT_EQ((CRecordingWindow::Message{kMsgTransferStep, 21, 21}), programWindow.m_arMessages[4]);
+            d.pLink->Disconnect();
+        }
+    }
+}
+
+TEST(ProductMethods, ImagesLargerThanAChunkMoveInChunksAndBadAnswersAreRefused)
+{
+    test::CScriptedPeer peer;
+    std::vector<std::uint8_t> image(5000);
+    for (std::size_t i = 0; i < image.size(); ++i)
+        image[i] = static_cast<std::uint8_t>(i * 7);
+    const std::string hex = CDatFile::EncodeParams(image);
+    std::string corrupt;
+    peer.SetHandler([&](const std::string& line) {
+        for (int n = 0; n < 3; ++n)
+            if (line == "IM[" + std::to_string(n) + "]\r")
+                return test::CScriptedPeer::Answer(line, n == 1 && !corrupt.empty()
+                                                             ? corrupt
+                                                             : hex.substr(static_cast<std::size_t>(n) * 4096, 4096));
+        if (line.rfind("IM[2]=", 0) == 0 && !corrupt.empty())
+            return test::CScriptedPeer::Refusal(line, 4);
+        return test::CScriptedPeer::Answer(line, "");
+    });
+    CRs232 link{CCommunicationInfo{}};
+    link.SetDevicePath(peer.Path());
+    ASSERT_EQ(0, link.Connect());
+    auto methods = CreateProductMethods(link); // not identified: no layout, size unknown
+    CRecordingWindow window;
+
+    std::string uploaded = methods->UploadImage(&window);
+    methods->DownloadImage(hex);
+    corrupt = std::string(4095, 'A') + "G";
+    auto bad = Thrown([&] { methods->UploadImage(); });
+    corrupt = "A";
+    auto odd = Thrown([&] { methods->UploadImage(); });
+    auto refused = Thrown([&] { methods->DownloadImage(hex); });
+    auto empty = Thrown([&] { methods->DownloadImage(";"); });
+
+    EXPECT_EQ(hex, uploaded);
+    EXPECT_EQ((std::vector<CRecordingWindow::Message>{{kMsgTransferStart, 0, kImageChunkBytes},
+                                                      {kMsgTransferStep, 2048, 0},
+                                                      {kMsgTransferStep, 4096, 0},
+                                                      {kMsgTransferStep, 5000, 0},
+                                                      {kMsgTransferEnd, 0, 0}}),
+              window.m_arMessages);
+    // Each chunk went out twice: once in the good download, once in the one refused at chunk 2.
+    EXPECT_EQ(2, peer.Count("IM[0]=" + hex.substr(0, 4096) + "\r"));
+    EXPECT_EQ(2, peer.Count("IM[1]=" + hex.substr(4096, 4096) + "\r"));
+    EXPECT_EQ(2, peer.Count("IM[2]=" + hex.substr(8192) + "\r"));
+    EXPECT_EQ(COM_BAD_DATA, bad.m_nErrorCode);
+    EXPECT_EQ("Bad Data received from Controller", bad.FillMessage());
+    EXPECT_EQ(COM_BAD_DATA, odd.m_nErrorCode);
+    EXPECT_EQ("Error (4) :  'IM[2]=...' : " + link.GetDriveErrorText(4) + " !", refused.FillMessage());
+    EXPECT_EQ(kSizeMismatchText, empty.FillMessage());
+    link.Disconnect();
+}
+
+TEST(ProductMethods, VirtualDriveTakesChunksInOrderAndTheImageOnlyWhenComplete)
+{
+    sim::CSimDrive drive("Talvina");
+    std::string whole = drive.Execute("IM").sValue;
+    std::string changed = whole;
+    changed[4] = changed[4] == '0' ? '1' : '0'; // the low byte of KP[1], after the two bytes of UM
+
+    int outOfOrder = drive.Execute("IM[1]=" + whole).nErrorNumber;
+    int beyond = drive.Execute("IM[1]").nErrorNumber;
+    int tooShort = drive.Execute("IM[0]=" + changed.substr(0, 10)).nErrorNumber;
+    std::string unchanged = drive.Execute("IM[0]").sValue;
+    int ok = drive.Execute("IM[0]=" + changed).nErrorNumber;
+
+    EXPECT_EQ(3, outOfOrder);
+    EXPECT_EQ(3, beyond);
+    EXPECT_EQ(4, tooShort);
+    EXPECT_EQ(whole, unchanged);
+    EXPECT_EQ(0, ok);
+    EXPECT_EQ(changed, drive.Execute("IM[0]").sValue);
+}
+
+} // namespace
+} // namespace tessitor
