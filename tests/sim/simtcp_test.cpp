@@ -130,14 +130,14 @@ TEST(SimTcpLimitsTest, ExcessRefusedIdleAndStalledDroppedHandlesCapped)
 
     // Handles are capped per connection; a closed one is free again.
     auto net = std::make_shared<CNetDevice>("127.0.0.1", device.Port());
-    ASSERT_TRUE(net->Connect());
+    ASSERT_TRUE(net->Connect(5000));
     std::vector<CNetDevice::Drive> opened;
     for (int i = 0; i < 3; ++i)
-        opened.push_back(net->OpenDrive("RS232 Port 1"));
-    CNetDevice::Drive fourth = net->OpenDrive("RS232 Port 2");
+        opened.push_back(net->OpenDrive("RS232 Port 1", 2000));
+    CNetDevice::Drive fourth = net->OpenDrive("RS232 Port 2", 2000);
     std::string refusal = CNetDevice::LastError();
     net->CloseDrive(opened[1]);
-    CNetDevice::Drive again = net->OpenDrive("RS232 Port 2");
+    CNetDevice::Drive again = net->OpenDrive("RS232 Port 2", 2000);
 
     EXPECT_EQ(opened[2].nHandle, 3u);
     EXPECT_FALSE(fourth.IsOpen());
