@@ -4,6 +4,7 @@
 #include <cctype>
 #include <cmath>
 #include <cstdio>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <stdexcept>
@@ -723,6 +724,23 @@ SimReply CSimDrive::Refuse(const std::string& command, int error)
     reply.bError = true;
     reply.nErrorNumber = error;
     reply.cTerminator = m_pImpl->Terminator(command);
+    return reply;
+}
+
+SimReply CSimDrive::Record(unsigned mask)
+{
+    std::lock_guard lock(m_pImpl->csDrive);
+    m_pImpl->Advance();
+    SimReply reply;
+    auto last = static_cast<int>(m_pImpl->Value("RP", 9));
+    int error = m_pImpl->recorder.Upload(mask, static_cast<int>(m_pImpl->Value("RP", 8)), last == 0 ? -1 : last,
+                                         reply.sValue, std::numeric_limits<int>::max());
+    if (error) {
+        m_pImpl->nLastError = error;
+        reply.bError = true;
+        reply.nErrorNumber = error;
+        reply.sValue.clear();
+    }
     return reply;
 }
 

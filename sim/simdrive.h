@@ -57,6 +57,11 @@ public:
     /// error is remembered for "EC" and the terminator chosen as for the
     /// command. For faults injected by a front end.
     SimReply Refuse(const std::string& command, int error);
+    /// The recording of the one slot in mask as "BH" text in one piece, for
+    /// the CAN face's record upload: samples "RP[8]" to "RP[9]", or to the
+    /// last sample recorded when "RP[9]" is 0, with no window limit. A
+    /// refusal is remembered for "EC" as a command's is.
+    SimReply Record(unsigned mask);
     /// The terminator that ends the reply to command on this drive.
     char TerminatorFor(const std::string& command) const;
 

@@ -22,6 +22,9 @@ constexpr KindName kKinds[] = {
     {"wrong-function-id", FaultKind::kWrongFunctionId},
     {"half-header", FaultKind::kHalfHeader},
     {"drop-connection", FaultKind::kDropConnection},
+    {"abort", FaultKind::kAbort},
+    {"toggle", FaultKind::kToggle},
+    {"busy", FaultKind::kBusy},
 };
 
 bool Matches(const FaultRule& rule, const std::string& command, int number)
@@ -103,7 +106,8 @@ FaultRule CSimFaults::Parse(const std::string& text)
         }
     if (!known)
         Bad(text, "unknown kind \"" + fields[0]
-                      + "\" (drop, delay, wrong-echo, cut, garbage, error, wrong-function-id, half-header, drop-connection)");
+                      + "\" (drop, delay, wrong-echo, cut, garbage, error, wrong-function-id, half-header, drop-connection,"
+                      " abort, toggle, busy)");
     if (fields.size() > 1 && fields.back() == "once") {
         rule.bOnce = true;
         fields.pop_back();
@@ -133,6 +137,19 @@ FaultRule CSimFaults::Parse(const std::string& text)
         // These values would end or break the reply's framing.
         if (rule.nErrorNumber == 8 || rule.nErrorNumber == 13 || rule.nErrorNumber == 59 || rule.nErrorNumber == 63)
             Bad(text, "the drive error number cannot be 8, 13, 59 or 63");
+        break;
+    case FaultKind::kAbort: {
+        // An SDO abort code, hexadecimal with 0x (as CiA 301 writes them) or decimal.
+        char* end = nullptr;
+        unsigned long long code = std::strtoull(argument.c_str(), &end, 0);
+        if (argument.empty() || *end != '\0' || argument[0] == '-' || code > 0xFFFFFFFFull)
+            Bad(text, "the abort code must be a 32-bit number, e.g. 0x06040047");
+        rule.nAbortCode = static_cast<std::uint32_t>(code);
+        break;
+    }
+    case FaultKind::kBusy:
+        if (!argument.empty())
+            rule.nDelayMs = Number(text, argument, "the busy time in ms", 1, 600000);
         break;
     case FaultKind::kGarbage:
         if (!argument.empty())

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -22,6 +23,10 @@ enum class FaultKind {
     kWrongFunctionId, ///< answer with another function ID
     kHalfHeader,      ///< send half a header and stop
     kDropConnection,  ///< close the connection in the middle of the reply
+    // Faults of the CAN face.
+    kAbort,           ///< answer an SDO request with abort code nAbortCode
+    kToggle,          ///< a segmented transfer repeats the toggle bit of its first segment
+    kBusy,            ///< the OS command stays busy for nDelayMs (0: for ever)
 };
 
 struct FaultRule {
@@ -32,6 +37,7 @@ struct FaultRule {
     int nCutBytes = 0;
     std::string sGarbage = "#garbage#";
     int nErrorNumber = 2;
+    std::uint32_t nAbortCode = 0;
     bool bOnce = false;      ///< remove the rule after it fired once
 };
 
@@ -45,7 +51,8 @@ public:
     FaultRule Next(const std::string& command);
     /// Parses the command-line form KIND:TARGET[:ARGUMENT][:once], e.g.
     /// "drop:3", "drop:/SR", "delay:/PX:1500", "wrong-echo:/VR", "cut:/BH:10",
-    /// "garbage:5", "garbage:*:xyz", "error:/MO:1"; TARGET is the Nth command,
+    /// "garbage:5", "garbage:*:xyz", "error:/MO:1", "abort:/0x1008:0x06040047",
+    /// "toggle:/0x2030", "busy:/SR", "busy:*:300"; TARGET is the Nth command,
     /// /PATTERN (commands starting with it) or * (every command);
     /// throws std::invalid_argument with a message on a bad form.
     static FaultRule Parse(const std::string& text);

@@ -207,7 +207,7 @@ void CSimRecorder::Sample(const SimSnapshot& snapshot)
         Record(snapshot);
 }
 
-int CSimRecorder::Upload(unsigned mask, int first, int last, std::string& text) const
+int CSimRecorder::Upload(unsigned mask, int first, int last, std::string& text, int maxCount) const
 {
     if (Busy())
         return 17;
@@ -219,8 +219,10 @@ int CSimRecorder::Upload(unsigned mask, int first, int last, std::string& text) 
     if (!(m_Setup.nMask & mask))
         return 20;
     const std::vector<double>& data = m_arData[slot];
+    if (last < 0)
+        last = static_cast<int>(data.size()) - 1;
     int count = last - first + 1;
-    if (first < 0 || last < first || last >= static_cast<int>(data.size()) || count > kMaxUploadSamples)
+    if (first < 0 || last < first || last >= static_cast<int>(data.size()) || count > maxCount)
         return 24;
     const SimSignalInfo& info = *m_arSlotInfo[slot];
     char buffer[32];

@@ -57,10 +57,10 @@ public:
     /// A motion began (the "begin motion" trigger).
     void NotifyBeginMotion() { m_bBeginMotion = true; }
 
-    /// The "BH" text of the one slot in mask, samples first..last; returns
-    /// 0 or the drive error (17 busy, 20 bad mask, 23 nothing recorded,
-    /// 24 bad window).
-    int Upload(unsigned mask, int first, int last, std::string& text) const;
+    /// The "BH" text of the one slot in mask, samples first..last (last < 0:
+    /// to the last sample recorded), at most maxCount samples; returns 0 or
+    /// the drive error (17 busy, 20 bad mask, 23 nothing recorded, 24 bad window).
+    int Upload(unsigned mask, int first, int last, std::string& text, int maxCount = kMaxUploadSamples) const;
 
     int TriggerIndex() const { return m_nTriggerIndex; }
     int SamplesRecorded() const;
