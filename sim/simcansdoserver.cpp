@@ -209,11 +209,11 @@ bool CSimCanSdoServer::UploadSegment(const Data& request, Data& response)
 
 bool CSimCanSdoServer::NextToggle(const Data& request, std::uint8_t& toggle)
 {
-    if (m_bRepeatToggle) {
+    if (m_bRepeatToggle && !m_bFaultyToggle) {
         // The fault asked for in the middle of a transfer starts here.
-        m_bRepeatToggle = false;
         m_bFaultyToggle = m_bRepeatPending = true;
     }
+    m_bRepeatToggle = false;
     std::uint8_t requested = (request[0] & kToggleBit) ? 1 : 0;
     if (!m_bFaultyToggle) {
         if (requested != m_nToggle)

@@ -20,54 +20,6 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-// A client that sees raw bytes.
-class CRawLine {
-public:
-    explicit CRawLine(const std::string& path) : m_fd(::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC))
-    {
-        EXPECT_GE(m_fd, 0) << path;
-        termios tio{};
-        if (m_fd >= 0 && ::tcgetattr(m_fd, &tio) == 0) {
-            ::cfmakeraw(&tio);
-            ::tcsetattr(m_fd, TCSANOW, &tio);
-        }
-    }
-    ~CRawLine()
-    {
-        if (m_fd >= 0)
-            ::close(m_fd);
-    }
-    void Send(const std::string& b) { ASSERT_EQ(::write(m_fd, b.data(), b.size()), static_cast<ssize_t>(b.size())); }
-    /// Bytes until one of more than skip bytes is end, or until timeoutMs passed
-    /// (with end '\0' and skip SIZE_MAX: everything that arrives within timeoutMs).
-    std::string ReadUntil(char end, std::size_t skip, int timeoutMs = 5000)
-    {
-        std::string got;
-        auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-        for (auto now = Clock::now(); now < deadline; now = Clock::now()) {
-            pollfd p{m_fd, POLLIN, 0};
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now);
-            if (::poll(&p, 1, static_cast<int>(left.count())) <= 0)
-                break;
-            char c;
-            while (::read(m_fd, &c, 1) == 1) {
-                got += c;
-                if (c == end && got.size() > skip)
-                    return got;
-            }
-        }
-        return got;
-    }
-    std::string Ask(const std::string& command, char end = ';')
-    {
-        Send(command + "\r");
-        return ReadUntil(end, command.size() + 1);
-    }
-
-private:
-    int m_fd = -1;
-};
-
 class SimSerialTest : public ::testing::Test {
 protected:
     void Serve(const std::string& product = "Talvina")

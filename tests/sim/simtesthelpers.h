@@ -1,9 +1,16 @@
 // Helpers shared by the virtual drive's tests: a drive on a manual clock,
-// and a decoder of "BH" replies written from the reply layout alone.
+// a decoder of "BH" replies written from the reply layout alone, a raw
+// client of a pseudo-terminal face, and CAN frames in the ID#DATA notation.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <poll.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <initializer_list>
@@ -11,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "sim/simcanframe.h"
 #include "sim/simdrive.h"
 
 namespace tessitor::sim::test {
@@ -89,6 +97,79 @@ inline Upload DecodeUpload(const std::string& text)
     }
     u.bOk = true;
     return u;
+}
+
+/// A client of a pseudo-terminal face that sees raw bytes.
+class CRawLine {
+public:
+    explicit CRawLine(const std::string& path) : m_fd(::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC))
+    {
+        EXPECT_GE(m_fd, 0) << path;
+        termios tio{};
+        if (m_fd >= 0 && ::tcgetattr(m_fd, &tio) == 0) {
+            ::cfmakeraw(&tio);
+            ::tcsetattr(m_fd, TCSANOW, &tio);
+        }
+    }
+    ~CRawLine()
+    {
+        if (m_fd >= 0)
+            ::close(m_fd);
+    }
+    void Send(const std::string& b) { ASSERT_EQ(::write(m_fd, b.data(), b.size()), static_cast<ssize_t>(b.size())); }
+    /// Bytes until one of more than skip bytes is end, or until timeoutMs passed
+    /// (with end '\0' and skip SIZE_MAX: everything that arrives within timeoutMs).
+    std::string ReadUntil(char end, std::size_t skip, int timeoutMs = 5000)
+    {
+        return Read([&](const std::string& got) { return got.back() == end && got.size() > skip; }, timeoutMs);
+    }
+    /// One SLCAN answer: bytes up to a carriage return or a bell ("" after timeoutMs).
+    std::string ReadAnswer(int timeoutMs = 5000)
+    {
+        return Read([](const std::string& got) { return got.back() == '\r' || got.back() == '\a'; }, timeoutMs);
+    }
+    std::string Ask(const std::string& command, char end = ';')
+    {
+        Send(command + "\r");
+        return ReadUntil(end, command.size() + 1);
+    }
+
+private:
+    template <typename Done>
+    std::string Read(Done done, int timeoutMs)
+    {
+        std::string got;
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        for (auto now = std::chrono::steady_clock::now(); now < deadline; now = std::chrono::steady_clock::now()) {
+            pollfd p{m_fd, POLLIN, 0};
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now);
+            if (::poll(&p, 1, static_cast<int>(left.count())) <= 0)
+                break;
+            char c;
+            while (::read(m_fd, &c, 1) == 1) {
+                got += c;
+                if (done(got))
+                    return got;
+            }
+        }
+        return got;
+    }
+
+    int m_fd = -1;
+};
+
+/// The frame "ID#DATA" names ("605#4008100000000000", "705#R" a remote request).
+inline SimCanFrame CanFrame(const std::string& text)
+{
+    SimCanFrame frame;
+    std::size_t hash = text.find('#');
+    frame.nId = static_cast<std::uint32_t>(std::stoul(text.substr(0, hash), nullptr, 16));
+    frame.bExtended = hash > 3;
+    std::string data = text.substr(hash + 1);
+    frame.bRemote = data == "R";
+    for (std::size_t i = 0; !frame.bRemote && i + 1 < data.size() && i < 16; i += 2)
+        frame.arData[frame.nLength++] = static_cast<std::uint8_t>(std::stoul(data.substr(i, 2), nullptr, 16));
+    return frame;
 }
 
 } // namespace tessitor::sim::test
