@@ -64,34 +64,44 @@ bool CSimCanSdoServer::Answer(const Data& request, Data& response, CSimCanObject
         m_nSegments = 0;
         m_nToggle = 0;
     }
+    std::uint32_t abort = 0;
     switch (specifier) {
     case kSdoCcsInitiateDownload:
-        return InitiateDownload(request, response, now);
+        abort = InitiateDownload(request, response, now);
+        break;
     case kSdoCcsDownloadSegment:
-        return DownloadSegment(request, response, now);
+        abort = DownloadSegment(request, response, now);
+        break;
     case kSdoCcsInitiateUpload:
-        return InitiateUpload(request, response, now);
+        abort = InitiateUpload(request, response, now);
+        break;
     case kSdoCcsUploadSegment:
-        return UploadSegment(request, response);
+        abort = UploadSegment(request, response);
+        break;
     case kSdoCsAbort:
         Reset();
         return false;
     default:
         // Block transfers (and the unused specifier 7) are not served.
-        response = Abort(request, kAbortCommand);
-        return true;
+        abort = kAbortCommand;
+        break;
     }
+    if (abort)
+        response = Abort(request, abort);
+    return true;
 }
 
-bool CSimCanSdoServer::InitiateDownload(const Data& request, Data& response, CSimCanObjects::Clock::time_point now)
+std::uint32_t CSimCanSdoServer::InitiateDownload(const Data& request, Data& response,
+                                                 CSimCanObjects::Clock::time_point now)
 {
     std::uint16_t index = IndexOf(request);
     std::uint8_t sub = request[3];
     SimCanObjectInfo info;
-    std::uint32_t abort = m_Objects.Find(index, sub, info);
-    if (!abort && !info.bWrite)
-        abort = kAbortReadOnly;
-    if (!abort && (request[0] & kExpeditedBit)) {
+    if (std::uint32_t abort = m_Objects.Find(index, sub, info))
+        return abort;
+    if (!info.bWrite)
+        return kAbortReadOnly;
+    if (request[0] & kExpeditedBit) {
         // These drives take the size from n even when s is clear, as their
         // clients send it so; with neither, a fixed-length object takes its length.
         auto empty = static_cast<std::size_t>(request[0] >> 2 & 3);
@@ -99,22 +109,17 @@ bool CSimCanSdoServer::InitiateDownload(const Data& request, Data& response, CSi
         if (!(request[0] & kSizeBit) && empty == 0 && info.nLength > 0 && info.nLength < 4)
             size = info.nLength;
         std::string data(request.begin() + 4, request.begin() + 4 + static_cast<std::ptrdiff_t>(size));
-        abort = m_Objects.Write(index, sub, data, now);
-    } else if (!abort) {
+        if (std::uint32_t abort = m_Objects.Write(index, sub, data, now))
+            return abort;
+    } else {
         m_bSizeKnown = (request[0] & kSizeBit) != 0;
         m_nSize = static_cast<std::uint32_t>(request[4] | request[5] << 8 | request[6] << 16)
                   | static_cast<std::uint32_t>(request[7]) << 24;
         std::uint32_t limit = info.nLength ? info.nLength : CSimCanObjects::kMaxStringLength;
         if (m_bSizeKnown && m_nSize > limit)
-            abort = kAbortTooLong;
-        else if (m_bSizeKnown && m_nSize < info.nLength)
-            abort = kAbortTooShort;
-    }
-    if (abort) {
-        response = AbortFrame(index, sub, abort);
-        return true;
-    }
-    if (!(request[0] & kExpeditedBit)) {
+            return kAbortTooLong;
+        if (m_bSizeKnown && m_nSize < info.nLength)
+            return kAbortTooShort;
         m_eState = State::kDownload;
         m_wIndex = index;
         m_bSub = sub;
@@ -122,58 +127,44 @@ bool CSimCanSdoServer::InitiateDownload(const Data& request, Data& response, CSi
     }
     response[0] = Command(kSdoScsInitiateDownload);
     PutObject(response, index, sub);
-    return true;
+    return 0;
 }
 
-bool CSimCanSdoServer::DownloadSegment(const Data& request, Data& response, CSimCanObjects::Clock::time_point now)
+std::uint32_t CSimCanSdoServer::DownloadSegment(const Data& request, Data& response,
+                                                CSimCanObjects::Clock::time_point now)
 {
     std::uint8_t toggle = 0;
-    if (m_eState != State::kDownload) {
-        response = Abort(request, kAbortCommand);
-        return true;
-    }
-    if (!NextToggle(request, toggle)) {
-        response = Abort(request, kAbortToggle);
-        return true;
-    }
+    if (std::uint32_t abort = Segment(State::kDownload, request, toggle))
+        return abort;
     auto empty = static_cast<std::size_t>(request[0] >> 1 & 7);
     m_sData.append(request.begin() + 1, request.begin() + 1 + static_cast<std::ptrdiff_t>(kSegmentBytes - empty));
-    std::uint32_t limit = m_bSizeKnown ? m_nSize : CSimCanObjects::kMaxStringLength;
-    if (m_sData.size() > limit) {
-        response = Abort(request, kAbortTooLong);
-        return true;
-    }
+    if (m_sData.size() > (m_bSizeKnown ? m_nSize : CSimCanObjects::kMaxStringLength))
+        return kAbortTooLong;
     if (request[0] & kLastSegmentBit) {
-        std::uint32_t abort = 0;
         if (m_bSizeKnown && m_sData.size() != m_nSize)
-            abort = kAbortTooShort;
-        else
-            abort = m_Objects.Write(m_wIndex, m_bSub, m_sData, now);
-        if (abort) {
-            response = Abort(request, abort);
-            return true;
-        }
+            return kAbortTooShort;
+        if (std::uint32_t abort = m_Objects.Write(m_wIndex, m_bSub, m_sData, now))
+            return abort;
         m_eState = State::kIdle;
     }
     response[0] = static_cast<std::uint8_t>(Command(kSdoScsDownloadSegment) | toggle << 4);
-    return true;
+    return 0;
 }
 
-bool CSimCanSdoServer::InitiateUpload(const Data& request, Data& response, CSimCanObjects::Clock::time_point now)
+std::uint32_t CSimCanSdoServer::InitiateUpload(const Data& request, Data& response,
+                                               CSimCanObjects::Clock::time_point now)
 {
     std::uint16_t index = IndexOf(request);
     std::uint8_t sub = request[3];
     std::string data;
-    if (std::uint32_t abort = m_Objects.Read(index, sub, data, now)) {
-        response = AbortFrame(index, sub, abort);
-        return true;
-    }
+    if (std::uint32_t abort = m_Objects.Read(index, sub, data, now))
+        return abort;
     PutObject(response, index, sub);
     if (!data.empty() && data.size() <= 4) {
         response[0] = static_cast<std::uint8_t>(Command(kSdoScsInitiateUpload) | (4 - data.size()) << 2
                                                 | kExpeditedBit | kSizeBit);
         std::copy(data.begin(), data.end(), response.begin() + 4);
-        return true;
+        return 0;
     }
     response[0] = static_cast<std::uint8_t>(Command(kSdoScsInitiateUpload) | kSizeBit);
     PutU32(response, static_cast<std::uint32_t>(data.size()));
@@ -182,20 +173,14 @@ bool CSimCanSdoServer::InitiateUpload(const Data& request, Data& response, CSimC
     m_bSub = sub;
     m_sData = std::move(data);
     m_nOffset = 0;
-    return true;
+    return 0;
 }
 
-bool CSimCanSdoServer::UploadSegment(const Data& request, Data& response)
+std::uint32_t CSimCanSdoServer::UploadSegment(const Data& request, Data& response)
 {
     std::uint8_t toggle = 0;
-    if (m_eState != State::kUpload) {
-        response = Abort(request, kAbortCommand);
-        return true;
-    }
-    if (!NextToggle(request, toggle)) {
-        response = Abort(request, kAbortToggle);
-        return true;
-    }
+    if (std::uint32_t abort = Segment(State::kUpload, request, toggle))
+        return abort;
     std::size_t count = std::min(kSegmentBytes, m_sData.size() - m_nOffset);
     bool last = m_nOffset + count == m_sData.size();
     response[0] = static_cast<std::uint8_t>(Command(kSdoScsUploadSegment) | toggle << 4 | (kSegmentBytes - count) << 1
@@ -204,7 +189,14 @@ bool CSimCanSdoServer::UploadSegment(const Data& request, Data& response)
     m_nOffset += count;
     if (last)
         m_eState = State::kIdle;
-    return true;
+    return 0;
+}
+
+std::uint32_t CSimCanSdoServer::Segment(State state, const Data& request, std::uint8_t& toggle)
+{
+    if (m_eState != state)
+        return kAbortCommand;
+    return NextToggle(request, toggle) ? 0 : kAbortToggle;
 }
 
 bool CSimCanSdoServer::NextToggle(const Data& request, std::uint8_t& toggle)
@@ -236,7 +228,10 @@ bool CSimCanSdoServer::NextToggle(const Data& request, std::uint8_t& toggle)
 CSimCanSdoServer::Data CSimCanSdoServer::Abort(const Data& request, std::uint32_t code)
 {
     bool initiate = IsInitiate(Specifier(request[0]));
-    Data frame = AbortFrame(initiate ? IndexOf(request) : m_wIndex, initiate ? request[3] : m_bSub, code);
+    Data frame{};
+    frame[0] = Command(kSdoCsAbort);
+    PutObject(frame, initiate ? IndexOf(request) : m_wIndex, initiate ? request[3] : m_bSub);
+    PutU32(frame, code);
     Reset();
     return frame;
 }
@@ -255,16 +250,6 @@ void CSimCanSdoServer::Reset()
     m_eState = State::kIdle;
     m_sData.clear();
     m_bFaultyToggle = m_bRepeatPending = false;
-}
-
-CSimCanSdoServer::Data CSimCanSdoServer::AbortFrame(std::uint16_t index, std::uint8_t sub, std::uint32_t code)
-{
-    Data frame{};
-    frame[0] = Command(kSdoCsAbort);
-    PutObject(frame, index, sub);
-    PutU32(frame, code);
-    m_eState = State::kIdle;
-    return frame;
 }
 
 } // namespace tessitor::sim

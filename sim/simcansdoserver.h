@@ -42,13 +42,15 @@ public:
 private:
     enum class State { kIdle, kUpload, kDownload };
 
-    bool InitiateDownload(const Data& request, Data& response, CSimCanObjects::Clock::time_point now);
-    bool DownloadSegment(const Data& request, Data& response, CSimCanObjects::Clock::time_point now);
-    bool InitiateUpload(const Data& request, Data& response, CSimCanObjects::Clock::time_point now);
-    bool UploadSegment(const Data& request, Data& response);
-    // The toggle of the next segment response; checks the request's.
+    // Each fills response and returns 0, or returns the abort code.
+    std::uint32_t InitiateDownload(const Data& request, Data& response, CSimCanObjects::Clock::time_point now);
+    std::uint32_t DownloadSegment(const Data& request, Data& response, CSimCanObjects::Clock::time_point now);
+    std::uint32_t InitiateUpload(const Data& request, Data& response, CSimCanObjects::Clock::time_point now);
+    std::uint32_t UploadSegment(const Data& request, Data& response);
+    // Checks that a segment request belongs to a transfer of state and
+    // carries the right toggle; gives the toggle of its response.
+    std::uint32_t Segment(State state, const Data& request, std::uint8_t& toggle);
     bool NextToggle(const Data& request, std::uint8_t& toggle);
-    Data AbortFrame(std::uint16_t index, std::uint8_t sub, std::uint32_t code);
 
     CSimCanObjects& m_Objects;
     State m_eState = State::kIdle;

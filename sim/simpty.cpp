@@ -1,10 +1,13 @@
 #include "sim/simpty.h"
 
 #include <fcntl.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
 #include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <system_error>
 
@@ -12,6 +15,28 @@ namespace tessitor::sim {
 
 CSimPty::~CSimPty()
 {
+    Stop();
+}
+
+void CSimPty::Start(const char* threadName, std::function<void()> serve)
+{
+    if (m_Thread.joinable())
+        return;
+    Open();
+    m_bServing = true;
+    m_Thread = std::thread([threadName, serve = std::move(serve)] {
+        pthread_setname_np(pthread_self(), threadName);
+        serve();
+    });
+}
+
+void CSimPty::Stop()
+{
+    if (m_Thread.joinable()) {
+        m_bServing = false;
+        Wake();
+        m_Thread.join();
+    }
     Close();
 }
 
@@ -48,15 +73,32 @@ void CSimPty::Open()
     int flags = ::fcntl(m_fdMaster, F_GETFL);
     if (flags < 0 || ::fcntl(m_fdMaster, F_SETFL, flags | O_NONBLOCK) != 0)
         fail("cannot make the pseudo-terminal non-blocking");
+    m_fdWake = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (m_fdWake < 0)
+        fail("cannot make the server's wake-up event");
 }
 
 void CSimPty::Close()
 {
-    for (int* fd : {&m_fdMaster, &m_fdSlave})
+    for (int* fd : {&m_fdMaster, &m_fdSlave, &m_fdWake})
         if (*fd >= 0) {
             ::close(*fd);
             *fd = -1;
         }
+}
+
+void CSimPty::Wake()
+{
+    if (m_fdWake >= 0) {
+        std::uint64_t one = 1;
+        [[maybe_unused]] ssize_t ignored = ::write(m_fdWake, &one, sizeof one);
+    }
+}
+
+void CSimPty::ClearWake()
+{
+    std::uint64_t count;
+    [[maybe_unused]] ssize_t ignored = ::read(m_fdWake, &count, sizeof count);
 }
 
 } // namespace tessitor::sim

@@ -1,10 +1,6 @@
 #include "sim/simserialserver.h"
 
-#include <fcntl.h>
 #include <poll.h>
-#include <pthread.h>
-#include <sys/eventfd.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -13,8 +9,9 @@
 #include <chrono>
 #include <deque>
 #include <stdexcept>
-#include <system_error>
 #include <thread>
+
+#include "sim/simpty.h"
 
 namespace tessitor::sim {
 
@@ -60,12 +57,7 @@ struct CSimSerialServer::Impl {
     std::shared_ptr<CSimDrive> pDrive;
     CSimFaults faults;
     std::atomic<unsigned> nBytesPerSecond{0};
-    int fdMaster = -1;
-    int fdSlave = -1;
-    int fdWake = -1;
-    std::string sSlavePath;
-    std::thread thread;
-    std::atomic<bool> bStop{false};
+    CSimPty pty;
 
     // Serving-thread state.
     std::string sLine;
@@ -83,7 +75,6 @@ struct CSimSerialServer::Impl {
     // Writes what the pace allows; returns how long to wait before more may
     // go, in nanoseconds (-1: nothing waits for time).
     long long Flush(bool& wantWritable);
-    void CloseAll();
 };
 
 void CSimSerialServer::Impl::Queue(std::string bytes, Clock::time_point notBefore)
@@ -180,7 +171,7 @@ long long CSimSerialServer::Impl::Flush(bool& wantWritable)
                 return static_cast<long long>((1 - dCredit) / rate * 1e9) + 1;
             allowed = std::min(allowed, static_cast<std::size_t>(dCredit));
         }
-        ssize_t written = ::write(fdMaster, chunk.sBytes.data(), allowed);
+        ssize_t written = ::write(pty.Master(), chunk.sBytes.data(), allowed);
         if (written < 0) {
             if (errno == EINTR)
                 continue;
@@ -203,13 +194,12 @@ long long CSimSerialServer::Impl::Flush(bool& wantWritable)
 
 void CSimSerialServer::Impl::Serve()
 {
-    pthread_setname_np(pthread_self(), "SimSerialServer");
     char buffer[4096];
-    while (!bStop.load()) {
+    while (pty.Serving()) {
         bool wantWritable = false;
         long long wait = Flush(wantWritable);
-        pollfd fds[2] = {{fdMaster, static_cast<short>(POLLIN | (wantWritable ? POLLOUT : 0)), 0},
-                         {fdWake, POLLIN, 0}};
+        pollfd fds[2] = {{pty.Master(), static_cast<short>(POLLIN | (wantWritable ? POLLOUT : 0)), 0},
+                         {pty.WakeEvent(), POLLIN, 0}};
         timespec timeout{static_cast<time_t>(wait / 1000000000), static_cast<long>(wait % 1000000000)};
         int ready = ::ppoll(fds, 2, wait < 0 ? nullptr : &timeout, nullptr);
         if (ready < 0) {
@@ -218,12 +208,11 @@ void CSimSerialServer::Impl::Serve()
             break;
         }
         if (fds[1].revents & POLLIN) {
-            std::uint64_t count;
-            [[maybe_unused]] ssize_t ignored = ::read(fdWake, &count, sizeof count);
+            pty.ClearWake();
             continue;
         }
         if (fds[0].revents & POLLIN) {
-            ssize_t got = ::read(fdMaster, buffer, sizeof buffer);
+            ssize_t got = ::read(pty.Master(), buffer, sizeof buffer);
             if (got > 0) {
                 for (ssize_t i = 0; i < got; ++i)
                     OnByte(buffer[i]);
@@ -235,15 +224,6 @@ void CSimSerialServer::Impl::Serve()
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
     }
-}
-
-void CSimSerialServer::Impl::CloseAll()
-{
-    for (int* fd : {&fdMaster, &fdSlave, &fdWake})
-        if (*fd >= 0) {
-            ::close(*fd);
-            *fd = -1;
-        }
 }
 
 CSimSerialServer::CSimSerialServer(std::shared_ptr<CSimDrive> drive) : m_pImpl(std::make_unique<Impl>(std::move(drive)))
@@ -260,69 +240,23 @@ CSimSerialServer::~CSimSerialServer()
 void CSimSerialServer::Start()
 {
     Impl& d = *m_pImpl;
-    if (d.thread.joinable())
-        return;
-    auto fail = [&d](const char* what) {
-        int error = errno;
-        d.CloseAll();
-        throw std::system_error(error, std::generic_category(), what);
-    };
-    d.fdMaster = ::posix_openpt(O_RDWR | O_NOCTTY);
-    if (d.fdMaster < 0)
-        fail("cannot open a pseudo-terminal");
-    ::fcntl(d.fdMaster, F_SETFD, FD_CLOEXEC);
-    if (::grantpt(d.fdMaster) != 0 || ::unlockpt(d.fdMaster) != 0)
-        fail("cannot unlock the pseudo-terminal");
-    char name[128];
-    if (::ptsname_r(d.fdMaster, name, sizeof name) != 0)
-        fail("cannot name the pseudo-terminal");
-    d.sSlavePath = name;
-    // Held open so that a client closing and reopening the line never leaves
-    // the master without a peer (which would read as EIO/POLLHUP).
-    d.fdSlave = ::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
-    if (d.fdSlave < 0)
-        fail("cannot open the pseudo-terminal's slave side");
-    termios tio{};
-    if (::tcgetattr(d.fdSlave, &tio) != 0)
-        fail("cannot read the pseudo-terminal's settings");
-    ::cfmakeraw(&tio);
-    tio.c_cflag |= CLOCAL | CREAD;
-    if (::tcsetattr(d.fdSlave, TCSANOW, &tio) != 0)
-        fail("cannot set the pseudo-terminal to raw mode");
-    int flags = ::fcntl(d.fdMaster, F_GETFL);
-    if (flags < 0 || ::fcntl(d.fdMaster, F_SETFL, flags | O_NONBLOCK) != 0)
-        fail("cannot make the pseudo-terminal non-blocking");
-    d.fdWake = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (d.fdWake < 0)
-        fail("cannot make the server's wake-up event");
-    d.bStop = false;
-    d.thread = std::thread([&d] { d.Serve(); });
+    d.pty.Start("SimSerialServer", [&d] { d.Serve(); });
 }
 
 void CSimSerialServer::Stop()
 {
-    Impl& d = *m_pImpl;
-    if (d.thread.joinable()) {
-        d.bStop = true;
-        std::uint64_t one = 1;
-        [[maybe_unused]] ssize_t ignored = ::write(d.fdWake, &one, sizeof one);
-        d.thread.join();
-    }
-    d.CloseAll();
+    m_pImpl->pty.Stop();
 }
 
 std::string CSimSerialServer::SlavePath() const
 {
-    return m_pImpl->sSlavePath;
+    return m_pImpl->pty.SlavePath();
 }
 
 void CSimSerialServer::SetPace(unsigned baud)
 {
     m_pImpl->nBytesPerSecond = baud / 10;
-    if (m_pImpl->fdWake >= 0) {
-        std::uint64_t one = 1;
-        [[maybe_unused]] ssize_t ignored = ::write(m_pImpl->fdWake, &one, sizeof one);
-    }
+    m_pImpl->pty.Wake();
 }
 
 CSimFaults& CSimSerialServer::Faults()

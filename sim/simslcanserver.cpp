@@ -1,12 +1,11 @@
 #include "sim/simslcanserver.h"
 
 #include <poll.h>
-#include <pthread.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -40,28 +39,14 @@ constexpr unsigned kStatusBusError = 0x80;
 // Time stamps ("Z1") count milliseconds modulo one minute.
 constexpr long long kTimestampModulo = 60000;
 
-int HexDigit(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    return -1;
-}
-
 bool ParseHex(const std::string& text, std::size_t at, std::size_t digits, std::uint32_t& value)
 {
     if (at + digits > text.size())
         return false;
-    value = 0;
-    for (std::size_t i = 0; i < digits; ++i) {
-        int d = HexDigit(text[at + i]);
-        if (d < 0)
+    for (std::size_t i = 0; i < digits; ++i)
+        if (!std::isxdigit(static_cast<unsigned char>(text[at + i])))
             return false;
-        value = value << 4 | static_cast<std::uint32_t>(d);
-    }
+    value = static_cast<std::uint32_t>(std::stoul(text.substr(at, digits), nullptr, 16));
     return true;
 }
 
@@ -114,9 +99,6 @@ struct CSimSlcanServer::Impl {
 
     std::vector<std::unique_ptr<CSimCanNode>> arNodes;
     CSimPty pty;
-    int fdWake = -1;
-    std::thread thread;
-    std::atomic<bool> bStop{false};
     std::atomic<unsigned> nBusKbit{kDefaultBitrate};
     std::atomic<bool> bPace{false};
 
@@ -142,7 +124,6 @@ struct CSimSlcanServer::Impl {
     void Process(Clock::time_point now);
     void Flush();
     bool Heard() const { return nAdapterKbit == nBusKbit.load(); }
-    void Wake();
 };
 
 void CSimSlcanServer::Impl::Schedule(Clock::time_point when, Event::Kind kind, const SimCanFrame& frame, bool fromHost)
@@ -316,9 +297,8 @@ void CSimSlcanServer::Impl::Flush()
 
 void CSimSlcanServer::Impl::Serve()
 {
-    pthread_setname_np(pthread_self(), "SimSlcanServer");
     char buffer[4096];
-    while (!bStop.load()) {
+    while (pty.Serving()) {
         Process(Clock::now());
         Flush();
         Clock::time_point next = Clock::time_point::max();
@@ -328,7 +308,7 @@ void CSimSlcanServer::Impl::Serve()
             for (auto& node : arNodes)
                 next = std::min(next, node->NextTick());
         pollfd fds[2] = {{pty.Master(), static_cast<short>(POLLIN | (sOut.empty() ? 0 : POLLOUT)), 0},
-                         {fdWake, POLLIN, 0}};
+                         {pty.WakeEvent(), POLLIN, 0}};
         timespec timeout{};
         timespec* pTimeout = nullptr;
         if (next != Clock::time_point::max()) {
@@ -343,10 +323,8 @@ void CSimSlcanServer::Impl::Serve()
                 continue;
             break;
         }
-        if (fds[1].revents & POLLIN) {
-            std::uint64_t count;
-            [[maybe_unused]] ssize_t ignored = ::read(fdWake, &count, sizeof count);
-        }
+        if (fds[1].revents & POLLIN)
+            pty.ClearWake();
         if (fds[0].revents & POLLIN) {
             ssize_t got = ::read(pty.Master(), buffer, sizeof buffer);
             for (ssize_t i = 0; i < got; ++i)
@@ -355,14 +333,6 @@ void CSimSlcanServer::Impl::Serve()
             // Should not happen while the slave is held open; do not spin.
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
-    }
-}
-
-void CSimSlcanServer::Impl::Wake()
-{
-    if (fdWake >= 0) {
-        std::uint64_t one = 1;
-        [[maybe_unused]] ssize_t ignored = ::write(fdWake, &one, sizeof one);
     }
 }
 
@@ -378,7 +348,7 @@ CSimSlcanServer::~CSimSlcanServer()
 CSimCanNode& CSimSlcanServer::AddNode(std::shared_ptr<CSimDrive> drive, int nodeId)
 {
     Impl& d = *m_pImpl;
-    if (d.thread.joinable())
+    if (d.pty.Running())
         throw std::logic_error("nodes are put on the bus before it is served");
     if (!drive)
         throw std::invalid_argument("a node needs a drive");
@@ -399,32 +369,12 @@ CSimCanNode* CSimSlcanServer::Node(int nodeId)
 void CSimSlcanServer::Start()
 {
     Impl& d = *m_pImpl;
-    if (d.thread.joinable())
-        return;
-    d.pty.Open();
-    d.fdWake = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (d.fdWake < 0) {
-        int error = errno;
-        d.pty.Close();
-        throw std::system_error(error, std::generic_category(), "cannot make the server's wake-up event");
-    }
-    d.bStop = false;
-    d.thread = std::thread([&d] { d.Serve(); });
+    d.pty.Start("SimSlcanServer", [&d] { d.Serve(); });
 }
 
 void CSimSlcanServer::Stop()
 {
-    Impl& d = *m_pImpl;
-    if (d.thread.joinable()) {
-        d.bStop = true;
-        d.Wake();
-        d.thread.join();
-    }
-    if (d.fdWake >= 0) {
-        ::close(d.fdWake);
-        d.fdWake = -1;
-    }
-    d.pty.Close();
+    m_pImpl->pty.Stop();
 }
 
 std::string CSimSlcanServer::SlavePath() const
@@ -443,16 +393,16 @@ void CSimSlcanServer::SetBitrate(unsigned kbit)
         throw std::invalid_argument("bit rate " + std::to_string(kbit)
                                     + " kbit/s is not one of 10, 20, 50, 100, 125, 250, 500, 800, 1000");
     Impl& d = *m_pImpl;
-    if (!d.thread.joinable())
+    if (!d.pty.Running())
         d.nAdapterKbit = kbit; // the adapter starts at the bus's rate
     d.nBusKbit = kbit;
-    d.Wake();
+    d.pty.Wake();
 }
 
 void CSimSlcanServer::SetPace(bool pace)
 {
     m_pImpl->bPace = pace;
-    m_pImpl->Wake();
+    m_pImpl->pty.Wake();
 }
 
 void CSimSlcanServer::AddFault(const FaultRule& rule)
