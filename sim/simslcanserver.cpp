@@ -36,6 +36,9 @@ constexpr char kVersionReply[] = "V1013";
 constexpr char kSerialReply[] = "N5131";
 // "F" status flags: bit 7 bus error (set while the adapter's bit rate is not the bus's).
 constexpr unsigned kStatusBusError = 0x80;
+// From power-up to the boot-up message: the drives boot while the client
+// finishes opening the adapter, so it reads the message as a frame.
+constexpr auto kBootTime = std::chrono::milliseconds(20);
 // Time stamps ("Z1") count milliseconds modulo one minute.
 constexpr long long kTimestampModulo = 60000;
 
@@ -176,7 +179,7 @@ void CSimSlcanServer::Impl::OnLine(const std::string& line, Clock::time_point no
                 // The drives power up with the bus, so the first client sees their boot-up.
                 bPoweredUp = true;
                 for (auto& node : arNodes)
-                    Schedule(now, Event::kReady, node->BootUp(), false);
+                    Schedule(now + kBootTime, Event::kReady, node->BootUp(), false);
             }
         }
         break;

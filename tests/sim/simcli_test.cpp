@@ -104,8 +104,8 @@ TEST(SimCliTest, WrongUsageExitsTwo)
 }
 
 // Each example of `tessitor sim --help`, run as printed: every sim serves,
-// and each send reaches the sim of its face (PATH and HOST:PORT are what
-// the sims printed).
+// and each send reaches the last sim of its face (PATH and HOST:PORT are
+// what the sims printed).
 TEST(SimCliTest, EveryHelpExampleWorksAsPrinted)
 {
     ProcessResult help = Tessitor({"sim", "--help"});
@@ -128,18 +128,18 @@ TEST(SimCliTest, EveryHelpExampleWorksAsPrinted)
     fs::path previous = fs::current_path();
     fs::current_path(folder); // an example may write a file where it runs
 
-    std::string path, hostPort;
+    std::string path, canPath, hostPort;
     std::vector<std::unique_ptr<CBackgroundProcess>> running;
     for (const auto& args : sims) {
         running.push_back(std::make_unique<CBackgroundProcess>(args));
         std::string first = running.back()->FirstLine();
         bool serial = first.rfind("/dev/pts/", 0) == 0;
         EXPECT_TRUE(serial || first.find(':') != std::string::npos) << args[2] << " printed \"" << first << '"';
-        (serial ? path : hostPort) = first;
+        (!serial ? hostPort : args[2] == "--slcan" ? canPath : path) = first;
     }
     for (auto args : sends) {
         for (std::string& arg : args)
-            arg = arg == "PATH" ? path : arg == "HOST:PORT" ? hostPort : arg;
+            arg = arg == "PATH" ? path : arg == "HOST:PORT" ? hostPort : arg == "slcan:PATH" ? "slcan:" + canPath : arg;
         args.erase(args.begin());
         ProcessResult r = Tessitor(args);
         EXPECT_EQ(r.nStatus, 0) << args[1] << ": " << r.sErr;

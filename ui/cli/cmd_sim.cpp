@@ -331,7 +331,8 @@ void RegisterSimCommand(CLI::App& app, CCliContext& context)
         "  tessitor sim --slcan --node 5 --fault abort:/0x1008:0x06040047 --fault busy:/SR\n"
         "Then, from another terminal, with PATH or HOST:PORT as the sim printed it:\n"
         "  tessitor send --serial PATH VR\n"
-        "  tessitor send --tcp HOST:PORT --target \"RS232 Port 2\" VR");
+        "  tessitor send --tcp HOST:PORT --target \"RS232 Port 2\" VR\n"
+        "  tessitor --can slcan:PATH --node 5 sdo upload 0x100A 0");
     context.SetAction(sub, [&context, options, maxClients, idleTimeout, pace] {
         if (options->bSerial + !options->sTcp.empty() + options->bSlcan != 1)
             throw UsageError("choose one face to serve: --serial, --tcp [HOST:]PORT or --slcan");
