@@ -71,3 +71,38 @@ static void BM_SimDriveExecute(benchmark::State& state)
     state.counters["commands/s"] = benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
 }
 BENCHMARK(BM_SimDriveExecute)->UseRealTime();
+
+// A query after the drive was left alone for range(0) seconds of simulated
+// time, jogging, beside the same query to a drive at rest over the same
+// time: catching up must not grow with the time left alone.
+static void BM_SimQueryAfterUnattendedJog(benchmark::State& state)
+{
+    const double seconds = static_cast<double>(state.range(0));
+    auto jogClock = std::make_shared<sim::CSimManualClock>();
+    auto restClock = std::make_shared<sim::CSimManualClock>();
+    sim::CSimDrive jogging("Talvina"), resting("Talvina");
+    jogging.SetClock(jogClock);
+    resting.SetClock(restClock);
+    for (const char* command : {"MO=1", "JV=50000", "BG"})
+        jogging.Execute(command);
+    using Clock = std::chrono::steady_clock;
+    Clock::duration jogTime{}, restTime{};
+    for (auto _ : state) {
+        jogClock->Advance(seconds);
+        restClock->Advance(seconds);
+        auto t0 = Clock::now();
+        benchmark::DoNotOptimize(jogging.Execute("PX"));
+        auto t1 = Clock::now();
+        benchmark::DoNotOptimize(resting.Execute("PX"));
+        auto t2 = Clock::now();
+        jogTime += t1 - t0;
+        restTime += t2 - t1;
+    }
+    auto perQuery = [&state](Clock::duration total) {
+        return std::chrono::duration<double, std::micro>(total).count() / static_cast<double>(state.iterations());
+    };
+    state.counters["jogging_us"] = perQuery(jogTime);
+    state.counters["at_rest_us"] = perQuery(restTime);
+    state.counters["of_at_rest"] = perQuery(jogTime) / perQuery(restTime);
+}
+BENCHMARK(BM_SimQueryAfterUnattendedJog)->Arg(1)->Arg(60)->Arg(3600);

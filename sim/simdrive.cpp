@@ -172,6 +172,7 @@ struct CSimDrive::Impl {
     // Time.
     void Advance();
     void Step();
+    bool InputStopsMotion() const;
     SimSnapshot Snapshot() const;
 };
 
@@ -632,18 +633,22 @@ SimSnapshot CSimDrive::Impl::Snapshot() const
     return s;
 }
 
+bool CSimDrive::Impl::InputStopsMotion() const
+{
+    // Limit switches and the abort input stop a motion as a real drive does.
+    auto inputs = static_cast<unsigned>(Value("IP"));
+    double direction = motor.ProfileVelocity();
+    return motor.MotionActive()
+           && ((inputs & kInAbort) || ((inputs & kInForwardLimit) && direction > 0)
+               || ((inputs & kInReverseLimit) && direction < 0));
+}
+
 void CSimDrive::Impl::Step()
 {
     motor.Step(kServoPeriod);
     ++nSteps;
-    if (motor.MotionActive()) {
-        // Limit switches and the abort input stop a motion as a real drive does.
-        auto inputs = static_cast<unsigned>(Value("IP"));
-        double direction = motor.ProfileVelocity();
-        if ((inputs & kInAbort) || ((inputs & kInForwardLimit) && direction > 0)
-            || ((inputs & kInReverseLimit) && direction < 0))
-            motor.Stop();
-    }
+    if (InputStopsMotion())
+        motor.Stop();
     if (recorder.Busy())
         recorder.Sample(Snapshot());
     bBeginMotion = false;
@@ -664,8 +669,15 @@ void CSimDrive::Impl::Advance()
     while (nSteps < target) {
         // Nothing moves and nothing samples: let the time pass in one go.
         bool quiet = !recorder.Busy() && !program.Running() && !bBeginMotion;
-        if (quiet && (motor.AtRest() || motor.Settled())) {
+        if (quiet && motor.AtRest()) {
             motor.Rest(static_cast<double>(target - nSteps) * kServoPeriod);
+            nSteps = target;
+            break;
+        }
+        // A jog or a hold the loops have settled in: the positions run on in
+        // closed form, so a command costs the same after a second or an hour.
+        if (quiet && motor.Cruising() && !InputStopsMotion()) {
+            motor.Cruise(target - nSteps, kServoPeriod);
             nSteps = target;
             break;
         }

@@ -24,6 +24,7 @@ double Clamp(double value, double limit)
 void CSimMotor::SetParams(const SimMotorParams& params)
 {
     m_Params = params;
+    m_bCruising = false;
 }
 
 double CSimMotor::RadPerCount() const
@@ -33,6 +34,7 @@ double CSimMotor::RadPerCount() const
 
 void CSimMotor::SetMotorOn(bool on)
 {
+    m_bCruising = false;
     if (on && !m_bOn) {
         m_nFault = kFaultNone;
         m_dRefPosition = m_dPosition;
@@ -54,24 +56,28 @@ void CSimMotor::SetMotorOn(bool on)
 
 void CSimMotor::SetPosition(double counts)
 {
+    m_bCruising = false;
     m_dPosition = counts;
     m_dRefPosition = counts;
 }
 
 void CSimMotor::BeginJog(double velocity)
 {
+    m_bCruising = false;
     m_dJogVelocity = Clamp(velocity, m_Params.dSpeedLimit);
     m_eProfile = Profile::kJog;
 }
 
 void CSimMotor::BeginMove(double target)
 {
+    m_bCruising = false;
     m_dTarget = target;
     m_eProfile = Profile::kMove;
 }
 
 void CSimMotor::Stop()
 {
+    m_bCruising = false;
     if (m_eProfile != Profile::kIdle)
         m_eProfile = Profile::kStop;
 }
@@ -137,7 +143,71 @@ void CSimMotor::TripFault(int fault)
     m_nFault = fault;
 }
 
+CSimMotor::LoopState CSimMotor::Loops() const
+{
+    return {m_dVelocity, m_dCurrent, m_dVoltage, m_dVelocityCommand, m_dCurrentCommand, m_dRefPosition - m_dPosition};
+}
+
+bool CSimMotor::SettledSince(const LoopState& before) const
+{
+    const SimMotorParams& p = m_Params;
+    // A jog at its velocity, or holding still with no motion.
+    bool steady = m_eProfile == Profile::kJog ? m_dRefVelocity == m_dJogVelocity : m_eProfile == Profile::kIdle;
+    if (!m_bOn || !steady || m_dRefAccel != 0 || m_bCurrentLimited || p.nUnitMode < 2)
+        return false;
+    // Below both limits, so that the thermal filter cannot make either one clip.
+    if (std::abs(m_dCurrentCommand) >= std::min(p.dContCurrent, p.dPeakCurrent))
+        return false;
+    // Positions are large numbers: their rounding grows with the distance
+    // travelled, a velocity moves them only in steps of that rounding, and
+    // the loops pass it on.
+    double noise = 8 * std::max(std::abs(m_dPosition), std::abs(m_dRefPosition)) * 0x1p-52;
+    double velocityNoise = 1e-6 + noise / m_dLastDt + (p.nUnitMode == 3 ? p.arKp[2] * noise : 0);
+    double currentNoise = 1e-9 + p.arKp[1] / 1000.0 * velocityNoise;
+    LoopState now = Loops();
+    auto still = [](double a, double b, double tolerance) { return std::abs(a - b) <= tolerance; };
+    // A loop with integral action settles with no error left.
+    double velocityError = m_dVelocityCommand - m_dVelocity;
+    double currentError = m_dCurrentCommand - m_dCurrent;
+    return still(now.dPositionError, before.dPositionError, 1e-9 + noise)
+           && still(now.dVelocity, before.dVelocity, velocityNoise)
+           && still(now.dVelocityCommand, before.dVelocityCommand, velocityNoise)
+           && still(now.dCurrent, before.dCurrent, currentNoise)
+           && still(now.dCurrentCommand, before.dCurrentCommand, currentNoise)
+           && still(now.dVoltage, before.dVoltage, 1e-7 + p.arKp[0] * currentNoise)
+           && (p.arKi[1] == 0 || std::abs(velocityError) <= velocityNoise)
+           && (p.arKi[0] == 0 || std::abs(currentError) <= currentNoise)
+           && (p.nUnitMode != 3 || p.arKi[2] == 0 || std::abs(now.dPositionError) <= 1e-9 + noise);
+}
+
+void CSimMotor::Cruise(unsigned long long steps, double dt)
+{
+    const SimMotorParams& p = m_Params;
+    double seconds = static_cast<double>(steps) * dt;
+    double positionError = m_dRefPosition - m_dPosition;
+    m_dRefPosition += m_dRefVelocity * seconds;
+    // In position mode the loop holds the error; in velocity mode the
+    // position follows the velocity the loop settled at.
+    m_dPosition = p.nUnitMode == 3 ? m_dRefPosition - positionError : m_dPosition + m_dVelocity * seconds;
+    m_dIntPosition += positionError * seconds;
+    m_dIntVelocity += (m_dVelocityCommand - m_dVelocity) * seconds;
+    m_dIntCurrent += (m_dCurrentCommand - m_dCurrent) * seconds;
+    if (p.nUnitMode == 3 && m_eProfile == Profile::kIdle && std::abs(positionError) <= p.dTargetWindow)
+        m_dInTargetTime += seconds;
+    // The thermal filter in closed form: each step takes dt / tau of the gap.
+    double square = m_dCurrent * m_dCurrent;
+    m_dHeat = square + (m_dHeat - square) * std::pow(1 - dt / kHeatTimeConstant, static_cast<double>(steps));
+}
+
 void CSimMotor::Step(double dt)
+{
+    const LoopState before = Loops();
+    m_dLastDt = dt;
+    StepLoops(dt);
+    m_bCruising = SettledSince(before);
+}
+
+void CSimMotor::StepLoops(double dt)
 {
     const SimMotorParams& p = m_Params;
     double radPerCount = RadPerCount();
@@ -214,13 +284,6 @@ void CSimMotor::Step(double dt)
 bool CSimMotor::AtRest() const
 {
     return !m_bOn && m_dVelocity == 0;
-}
-
-bool CSimMotor::Settled() const
-{
-    return m_bOn && m_eProfile == Profile::kIdle && std::abs(m_dVelocity) < 1e-6
-           && std::abs(m_dCurrent) < 1e-7 && std::abs(m_dCurrentCommand) < 1e-7
-           && std::abs(m_dRefPosition - m_dPosition) < 1e-6 && m_dInTargetTime >= m_Params.dTargetTime;
 }
 
 void CSimMotor::Rest(double seconds)

@@ -73,11 +73,16 @@ public:
     /// True when stepping changes nothing but the winding's cooling: motor
     /// off and at standstill.
     bool AtRest() const;
-    /// True when the motor is on, holding still, and every loop has settled,
-    /// so that stepping would change nothing.
-    bool Settled() const;
     /// Lets seconds pass at rest in one go (only when AtRest).
     void Rest(double seconds);
+    /// True when the last step found the motor on, jogging at its velocity
+    /// or holding still, with every loop settled and the current within both
+    /// limits, so that further steps would only carry the positions on;
+    /// cleared by anything that changes the motor.
+    bool Cruising() const { return m_bCruising; }
+    /// Lets steps servo periods of dt pass cruising in one go, as stepping
+    /// would (only when Cruising).
+    void Cruise(unsigned long long steps, double dt);
 
     double Position() const { return m_dPosition; }           ///< [counts]
     double Velocity() const { return m_dVelocity; }           ///< [counts/s]
@@ -100,6 +105,12 @@ public:
 private:
     enum class Profile { kIdle, kJog, kMove, kStop };
 
+    struct LoopState {
+        double dVelocity, dCurrent, dVoltage, dVelocityCommand, dCurrentCommand, dPositionError;
+    };
+    LoopState Loops() const;
+    bool SettledSince(const LoopState& before) const;
+    void StepLoops(double dt);
     void StepProfile(double dt);
     void TripFault(int fault);
     double RadPerCount() const;
@@ -132,6 +143,8 @@ private:
     double m_dHeat = 0;           ///< filtered square of the current [A^2]
     double m_dInTargetTime = 0;
     bool m_bCurrentLimited = false;
+    bool m_bCruising = false;
+    double m_dLastDt = 1;
 };
 
 } // namespace tessitor::sim

@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <regex>
+#include <tuple>
 
 #include "sim/simimage.h"
+#include "sim/simmotor.h"
 #include "sim/simversiondb.h"
 #include "tests/sim/simtesthelpers.h"
 
@@ -147,3 +149,67 @@ TEST_F(SimDriveTest, SaveLoadAndTheImageKeepTheParameters)
     EXPECT_EQ(V("IM").substr(0, 12), "0300F0400000") << "word-swapped 4-byte element";
 }
 
+
+TEST_F(SimDriveTest, StepResponsesReachTheirTargets)
+{
+    Do({"MO=1", "PA=4000", "BG"});
+    Wait(0.3);
+    EXPECT_NEAR(N("PX"), 4000, 2) << "one revolution in position mode";
+    EXPECT_TRUE(SR() & 0x80);
+
+    MakeDrive("Talvina");
+    Do({"UM=2", "MO=1", "JV=20000", "BG"});
+    Wait(0.2);
+    EXPECT_NEAR(N("VX"), 20000, 20) << "a velocity step in velocity mode";
+    EXPECT_NEAR(N("DV[2]"), 20000, 1e-6);
+}
+
+// A jog the loops settled in is carried forward in closed form; it must end
+// where stepping every servo period ends, in both loop modes and with a
+// slow velocity loop.
+TEST(SimMotorTest, CruiseEndsWhereSteppingEnds)
+{
+    for (auto [mode, kp2, ki2] : {std::tuple{3, 0.33, 100.0}, {2, 0.33, 100.0}, {3, 0.05, 2.0}}) {
+        SimMotorParams params;
+        params.nUnitMode = mode;
+        params.arKp[1] = kp2;
+        params.arKi[1] = ki2;
+        CSimMotor stepped, cruised;
+        for (CSimMotor* motor : {&stepped, &cruised}) {
+            motor->SetParams(params);
+            motor->SetMotorOn(true);
+            motor->BeginJog(50000);
+        }
+        const unsigned long long total = 300000; // 30 s
+        for (unsigned long long i = 0; i < total; ++i)
+            stepped.Step(CSimDrive::kServoPeriod);
+        unsigned long long done = 0;
+        while (!cruised.Cruising() && done < total) {
+            cruised.Step(CSimDrive::kServoPeriod);
+            ++done;
+        }
+        ASSERT_TRUE(cruised.Cruising()) << "mode " << mode << " KP[2] " << kp2 << " never settles";
+        cruised.Cruise(total - done, CSimDrive::kServoPeriod);
+
+        EXPECT_NEAR(cruised.Position(), stepped.Position(), 0.01) << "mode " << mode << " KP[2] " << kp2;
+        EXPECT_NEAR(cruised.PositionError(), stepped.PositionError(), 0.01);
+        EXPECT_NEAR(cruised.Velocity(), stepped.Velocity(), 1e-3);
+        EXPECT_NEAR(cruised.ActiveCurrent(), stepped.ActiveCurrent(), 1e-6);
+        stepped.Stop();
+        cruised.Stop();
+        EXPECT_FALSE(cruised.Cruising());
+    }
+}
+
+TEST_F(SimDriveTest, AJogLeftAloneForAnHourIsWhereItShouldBe)
+{
+    Do({"MO=1", "JV=50000", "BG"});
+    Wait(3600);
+    double position = N("PX");
+    Do({"IP=1024"}); // the forward limit switch
+    Wait(3600);
+
+    EXPECT_NEAR(position, 50000.0 * 3600 - 1250, 10) << "the ramp-up to 50000 at 1e6 costs 1250 counts";
+    EXPECT_NEAR(N("PX"), position, 200) << "the limit switch stopped it at once";
+    EXPECT_EQ(SR() & 0xC0, 0x80u) << "no motion, in target";
+}
