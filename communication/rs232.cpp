@@ -1,5 +1,8 @@
 #include "communication/rs232.h"
 
+#include <cerrno>
+#include <cstring>
+
 #include "communication/serialportmap.h"
 #include "core/settings.h"
 
@@ -29,10 +32,18 @@ int CRs232::Connect()
     line.bParity = m_Info.bParity;
     line.bStopBits = m_Info.bStopBits;
     line.bFlowCtrl = m_Info.bFlowCtrl;
-    int error = Open(GetDevicePath(), line);
+    const std::string path = GetDevicePath();
+    int error = Open(path, line);
     if (error == 0) {
         SetConnected(true);
         SetLinkBroken(false);
+        SetConnectError({});
+    } else if (error == ENOTTY) {
+        SetConnectError(path + " is not a terminal device");
+    } else if (error == EBUSY) {
+        SetConnectError(path + " is in use by another program (" + std::strerror(error) + ")");
+    } else {
+        SetConnectError(path + ": " + std::strerror(error));
     }
     return error;
 }

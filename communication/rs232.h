@@ -26,9 +26,13 @@ public:
     /// The path Connect opens (explicit, or from the settings' port map).
     std::string GetDevicePath() const;
 
-    /// Opens and configures the port; 0 or an errno value.
+    /// Opens and configures the port; 0 or an errno value (ENOTTY: the
+    /// path is not a terminal device; EBUSY: another program has it).
     int Connect() override;
-    /// Tells the listeners, marks the link broken, closes the port.
+    /// Tells the listeners, marks the link broken, closes the port and
+    /// leaves it as it was found. Safe from another thread than the one
+    /// waiting in a command: that command ends with "Communication Read
+    /// Error".
     void Disconnect() override;
     std::int32_t QueryOption() override { return 1; }
     /// The device path (explicit, or from the settings' port map).

@@ -7,7 +7,6 @@
 #include <condition_variable>
 #include <cstring>
 #include <fcntl.h>
-#include <mutex>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/file.h>
@@ -20,6 +19,7 @@
 #include "communication/communication.h"
 #include "communication/custombaud.h"
 #include "communication/waitnotice.h"
+#include "communication/wiretrace.h"
 #include "core/trace.h"
 
 namespace tessitor {
@@ -27,9 +27,13 @@ namespace tessitor {
 namespace {
 
 constexpr char kListingTerminator = 0x08;
+constexpr char kXon = 0x11;
+constexpr char kXoff = 0x13;
 constexpr int kWatchExitCode = 13;
 constexpr int kCloseTerminatedCode = 133;
 constexpr int kDestructorTerminatedCode = 131;
+constexpr int kDestructorWaits = 100;
+constexpr auto kDestructorWaitStep = std::chrono::milliseconds(100);
 
 using Clock = std::chrono::steady_clock;
 
@@ -51,121 +55,9 @@ speed_t StandardSpeed(std::uint32_t baud)
     }
 }
 
-// Milliseconds left until deadline, for poll(); never negative.
-int MsLeft(Clock::time_point deadline)
+// The descriptor's line settings in tio, which holds the port's as found.
+void ApplyLine(termios& tio, const SerialLineSettings& line)
 {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    return left > 0 ? static_cast<int>(left) : 0;
-}
-
-} // namespace
-
-// What the caller and the watch thread share. The thread holds its own
-// reference, so a thread left behind by Close never touches freed memory.
-struct CSerialCommDev::Shared {
-    int fd = -1;
-    int wakeRead = -1;
-    int wakeWrite = -1;
-    std::atomic<int> connected{0};
-    std::atomic<char> eventChar{';'};
-    std::atomic<std::uint32_t> timeoutMs{1000};
-
-    std::mutex mutex;
-    std::condition_variable replyEvent;
-    bool replySet = false;         // auto-reset: the waiter clears it
-    std::vector<char> inputQueue;  // bytes read, not yet handed over (the driver's queue)
-    std::unique_ptr<char[]> buffer{new char[kBufferSize]};
-    std::uint32_t received = 0;
-
-    std::mutex exitMutex;
-    std::condition_variable exitEvent;
-    bool threadRunning = false;
-
-    ~Shared()
-    {
-        if (fd >= 0)
-            ::close(fd);
-        if (wakeRead >= 0)
-            ::close(wakeRead);
-        if (wakeWrite >= 0)
-            ::close(wakeWrite);
-    }
-
-    void EmptyBuffer()
-    {
-        buffer[0] = 0;
-        received = 0;
-    }
-
-    // Takes what the port holds right now without waiting.
-    void DrainInto(std::vector<char>& queue)
-    {
-        char chunk[512];
-        for (;;) {
-            ssize_t n = ::read(fd, chunk, sizeof chunk);
-            if (n > 0) {
-                size_t room = kBufferSize - std::min<size_t>(queue.size(), kBufferSize);
-                queue.insert(queue.end(), chunk, chunk + std::min<size_t>(static_cast<size_t>(n), room));
-                continue;
-            }
-            if (n < 0 && errno == EINTR)
-                continue;
-            return;
-        }
-    }
-};
-
-CSerialCommDev::CSerialCommDev() : m_pShared(std::make_shared<Shared>()) {}
-
-CSerialCommDev::~CSerialCommDev()
-{
-    Close();
-    std::unique_lock lock(m_pShared->exitMutex);
-    for (int wait = 0; wait < 100 && m_pShared->threadRunning; ++wait)
-        m_pShared->exitEvent.wait_for(lock, std::chrono::milliseconds(100));
-    if (m_pShared->threadRunning)
-        Trace::Printf("The thread %s has exited with code %d\n", "CommWatchThread", kDestructorTerminatedCode);
-}
-
-bool CSerialCommDev::IsOpen() const
-{
-    return m_pShared->connected.load() == 1;
-}
-
-char CSerialCommDev::EventChar() const
-{
-    return m_pShared->eventChar.load();
-}
-
-int CSerialCommDev::Open(const std::string& path, const SerialLineSettings& line)
-{
-    if (IsOpen())
-        return EBUSY;
-    // A thread left behind by an earlier Close keeps the old shared state.
-    if (m_pShared->fd >= 0 || m_pShared->threadRunning)
-        m_pShared = std::make_shared<Shared>();
-    Shared& s = *m_pShared;
-    m_sPath = path;
-
-    int fd = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) {
-        int error = errno;
-        Trace::Printf("CSerialCommDev::Open %s: %s\n", path.c_str(), std::strerror(error));
-        return error;
-    }
-    auto fail = [&](int error) {
-        Trace::Printf("CSerialCommDev::Open %s: %s\n", path.c_str(), std::strerror(error));
-        ::close(fd);
-        return error;
-    };
-    // Exclusive, as a Win32 port is: a second program gets EBUSY.
-    if (::flock(fd, LOCK_EX | LOCK_NB) != 0)
-        return fail(errno == EWOULDBLOCK ? EBUSY : errno);
-    ::ioctl(fd, TIOCEXCL);
-
-    termios tio{};
-    if (::tcgetattr(fd, &tio) != 0)
-        return fail(errno);
     ::cfmakeraw(&tio);
     tio.c_cflag |= CLOCAL | CREAD;
     tio.c_cflag &= ~static_cast<tcflag_t>(CSIZE | PARENB | PARODD | CMSPAR | CSTOPB | CRTSCTS);
@@ -190,13 +82,152 @@ int CSerialCommDev::Open(const std::string& path, const SerialLineSettings& line
     // Linux has no DSR/DTR handshake (bit 0); DTR is simply held on.
     if (line.bFlowCtrl & 0x2)
         tio.c_cflag |= CRTSCTS;
+    // Whatever used the port before may have left XON/XOFF on in either
+    // direction; without bit 2 both are off.
+    tio.c_iflag &= ~static_cast<tcflag_t>(IXON | IXOFF | IXANY);
     if (line.bFlowCtrl & 0x4) {
         tio.c_iflag |= IXON | IXOFF;
-        tio.c_cc[VSTART] = 0x11;
-        tio.c_cc[VSTOP] = 0x13;
+        tio.c_cc[VSTART] = kXon;
+        tio.c_cc[VSTOP] = kXoff;
     }
     tio.c_cc[VMIN] = 0;
     tio.c_cc[VTIME] = 0;
+}
+
+} // namespace
+
+// What the caller, Close and the watch thread share. Each holds its own
+// reference, so a thread left behind by Close, or an exchange that Close
+// interrupted, never touches freed memory or a reused descriptor: the port
+// is closed when the last of them lets go.
+struct CSerialCommDev::Shared {
+    std::string path;
+    int fd = -1;
+    int wakeRead = -1;
+    int wakeWrite = -1;
+    std::atomic<int> connected{0};
+    std::atomic<char> eventChar{';'};
+    std::atomic<std::uint32_t> timeoutMs{1000};
+    SavedLineSettings savedLine;
+    bool writeUnfinished = false; // the last write left bytes in the output queue
+
+    std::mutex mutex;
+    std::condition_variable replyEvent;
+    bool replySet = false;        // auto-reset: the waiter clears it
+    bool closing = false;         // Close ran: waiters stop waiting
+    std::vector<char> inputQueue; // bytes read, not yet handed over (the driver's queue)
+    std::unique_ptr<char[]> buffer{new char[kBufferSize]};
+    std::uint32_t received = 0;
+
+    std::mutex exitMutex;
+    std::condition_variable exitEvent;
+    bool threadRunning = false;
+
+    ~Shared()
+    {
+        if (fd >= 0)
+            ::close(fd);
+        if (wakeRead >= 0)
+            ::close(wakeRead);
+        if (wakeWrite >= 0)
+            ::close(wakeWrite);
+    }
+
+    void EmptyBuffer()
+    {
+        buffer[0] = 0;
+        received = 0;
+    }
+
+    // Gives the port back as it was found: line settings, exclusivity, lock.
+    void GiveBack()
+    {
+        if (int error = RestoreLineSettings(fd, savedLine))
+            Trace::Printf("CSerialCommDev::Close %s: cannot restore the line: %s\n", path.c_str(),
+                          std::strerror(error));
+        ::ioctl(fd, TIOCNXCL);
+        ::flock(fd, LOCK_UN);
+    }
+
+    bool WaitForThread(std::chrono::milliseconds wait)
+    {
+        std::unique_lock lock(exitMutex);
+        return exitEvent.wait_for(lock, wait, [this] { return !threadRunning; });
+    }
+};
+
+CSerialCommDev::CSerialCommDev() : m_pShared(std::make_shared<Shared>()) {}
+
+CSerialCommDev::~CSerialCommDev()
+{
+    Close();
+    if (!m_pLeftBehind)
+        return;
+    bool ended = false;
+    for (int wait = 0; wait < kDestructorWaits && !ended; ++wait)
+        ended = m_pLeftBehind->WaitForThread(kDestructorWaitStep);
+    if (!ended)
+        Trace::Printf("The thread %s has exited with code %d\n", "CommWatchThread", kDestructorTerminatedCode);
+}
+
+std::shared_ptr<CSerialCommDev::Shared> CSerialCommDev::Current() const
+{
+    std::lock_guard lock(m_csShared);
+    return m_pShared;
+}
+
+bool CSerialCommDev::IsOpen() const
+{
+    return Current()->connected.load() == 1;
+}
+
+char CSerialCommDev::EventChar() const
+{
+    return Current()->eventChar.load();
+}
+
+int CSerialCommDev::Open(const std::string& path, const SerialLineSettings& line)
+{
+    if (IsOpen())
+        return EBUSY;
+    auto shared = std::make_shared<Shared>();
+    Shared& s = *shared;
+    s.path = path;
+    m_sPath = path;
+
+    int fd = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        int error = errno;
+        Trace::Printf("CSerialCommDev::Open %s: %s\n", path.c_str(), std::strerror(error));
+        return error;
+    }
+    bool exclusive = false;
+    auto fail = [&](int error) {
+        Trace::Printf("CSerialCommDev::Open %s: %s\n", path.c_str(), std::strerror(error));
+        if (exclusive) {
+            s.fd = fd;
+            s.GiveBack();
+            s.fd = -1;
+        }
+        ::close(fd);
+        return error;
+    };
+    // A file, a pipe or /dev/null would take the drive's commands and
+    // answer nothing: only a terminal device is a port.
+    if (!::isatty(fd))
+        return fail(ENOTTY);
+    // Exclusive, as a Win32 port is: a second program gets EBUSY.
+    if (::flock(fd, LOCK_EX | LOCK_NB) != 0)
+        return fail(errno == EWOULDBLOCK ? EBUSY : errno);
+    ::ioctl(fd, TIOCEXCL);
+    exclusive = true;
+    if (int error = SaveLineSettings(fd, s.savedLine))
+        return fail(error);
+
+    termios tio{};
+    if (::tcgetattr(fd, &tio) != 0)
+        return fail(errno);
+    ApplyLine(tio, line);
     speed_t speed = StandardSpeed(line.wBaudRate);
     if (speed != B0) {
         ::cfsetispeed(&tio, speed);
@@ -216,16 +247,15 @@ int CSerialCommDev::Open(const std::string& path, const SerialLineSettings& line
     s.fd = fd;
     s.wakeRead = wake[0];
     s.wakeWrite = wake[1];
-    s.eventChar = ';';
-    s.inputQueue.clear();
     s.inputQueue.reserve(kBufferSize);
     s.EmptyBuffer();
     s.connected = 1;
+    s.threadRunning = true;
     {
-        std::lock_guard lock(s.exitMutex);
-        s.threadRunning = true;
+        std::lock_guard lock(m_csShared);
+        m_pShared = shared;
     }
-    std::thread(CommWatchThread, m_pShared).detach();
+    std::thread(CommWatchThread, shared).detach();
 
     int dtr = TIOCM_DTR;
     ::ioctl(fd, TIOCMBIS, &dtr); // a pseudo-terminal has no DTR; that is fine
@@ -234,68 +264,84 @@ int CSerialCommDev::Open(const std::string& path, const SerialLineSettings& line
 
 void CSerialCommDev::Close()
 {
-    Shared& s = *m_pShared;
+    std::shared_ptr<Shared> shared = Current();
+    Shared& s = *shared;
     if (s.connected.exchange(0) != 1)
         return;
-    // Clearing the flag and poking the wake pipe releases the thread's poll.
+    {
+        std::lock_guard lock(s.mutex);
+        s.closing = true;
+    }
+    s.replyEvent.notify_all();
+    // The wake pipe stays readable from now on: it releases the thread's
+    // poll and any writer waiting for room.
     char poke = 1;
     [[maybe_unused]] ssize_t ignored = ::write(s.wakeWrite, &poke, 1);
-    bool ended;
-    {
-        std::unique_lock lock(s.exitMutex);
-        ended = s.exitEvent.wait_for(lock, std::chrono::milliseconds(kCloseWaitMs), [&] { return !s.threadRunning; });
-    }
-    if (!ended) {
-        // The thread keeps its own reference to the shared state and the
-        // port; it closes both when it finally returns.
-        Trace::Printf("The thread %s has exited with code %d\n", "CommWatchThread", kCloseTerminatedCode);
-        m_pShared = std::make_shared<Shared>();
-        return;
-    }
+    bool ended = s.WaitForThread(std::chrono::milliseconds(kCloseWaitMs));
+
     int dtr = TIOCM_DTR;
     ::ioctl(s.fd, TIOCMBIC, &dtr);
     ::tcflush(s.fd, TCIOFLUSH);
-    ::close(s.fd);
-    s.fd = -1;
+    s.GiveBack();
+    if (!ended) {
+        // The thread keeps its own reference to the shared state and the
+        // port; the descriptor is closed when it finally returns.
+        Trace::Printf("The thread %s has exited with code %d\n", "CommWatchThread", kCloseTerminatedCode);
+        m_pLeftBehind = shared;
+    }
+    std::lock_guard lock(m_csShared);
+    m_pShared = std::make_shared<Shared>();
 }
 
 void CSerialCommDev::ToggleTerminator()
 {
-    Shared& s = *m_pShared;
-    s.eventChar = s.eventChar.load() == ';' ? kListingTerminator : ';';
+    std::shared_ptr<Shared> s = Current();
+    s->eventChar = s->eventChar.load() == ';' ? kListingTerminator : ';';
 }
 
 int CSerialCommDev::Exchange(const std::string& command, std::string& reply, std::uint32_t timeoutMs,
                              std::int32_t checkEcho)
 {
+    std::shared_ptr<Shared> shared = Current();
+    Shared& s = *shared;
     int result = COM_OK;
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        CWaitNotice notice(command, m_sPath, attempt + 1, kAttempts);
-        m_pShared->timeoutMs = timeoutMs;
-        result = Write(command, timeoutMs);
-        if (result == COM_OK)
-            result = WaitForReply(command, reply, timeoutMs, checkEcho);
-        if (result == COM_OK)
+    for (int attempt = 1; attempt <= kAttempts; ++attempt) {
+        {
+            CWaitNotice notice(command, s.path, attempt, kAttempts);
+            s.timeoutMs = timeoutMs;
+            result = Write(s, command, timeoutMs);
+            if (result == COM_OK)
+                result = WaitForReply(s, command, reply, timeoutMs, checkEcho);
+        }
+        if (result == COM_OK || s.connected != 1)
             break;
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return result;
 }
 
-int CSerialCommDev::Write(const std::string& command, std::uint32_t timeoutMs)
+int CSerialCommDev::Write(Shared& s, const std::string& command, std::uint32_t timeoutMs)
 {
-    Shared& s = *m_pShared;
     if (s.connected != 1)
         return COM_WRITE_ERROR;
     {
-        // Whatever waits now is stale: an answer nobody waited for, or noise.
+        // Whatever waits now is stale: an answer nobody waited for, or
+        // noise. The watch thread reads under this lock, so a byte is
+        // either purged here or belongs to the reply, never both. Asking
+        // how much input waits is cheaper than flushing every time.
         std::lock_guard lock(s.mutex);
-        ::tcflush(s.fd, TCIOFLUSH);
+        std::size_t stale = s.inputQueue.size();
         s.inputQueue.clear();
-        std::vector<char> stale;
-        s.DrainInto(stale);
-        if (!stale.empty())
-            Trace::Printf("CSerialCommDev::Write: %zu stale bytes discarded\n", stale.size());
+        int pending = 0;
+        if (::ioctl(s.fd, FIONREAD, &pending) != 0)
+            pending = 0;
+        if (pending > 0 || s.writeUnfinished) {
+            ::tcflush(s.fd, TCIOFLUSH);
+            stale += static_cast<std::size_t>(std::max(pending, 0));
+            s.writeUnfinished = false;
+        }
+        if (stale != 0)
+            Trace::Printf("CSerialCommDev::Write: %zu stale bytes discarded\n", stale);
         s.replySet = false;
     }
 
@@ -304,6 +350,7 @@ int CSerialCommDev::Write(const std::string& command, std::uint32_t timeoutMs)
     while (written < command.size()) {
         ssize_t n = ::write(s.fd, command.data() + written, command.size() - written);
         if (n > 0) {
+            CWireTrace::Bytes(s.path, CWireTrace::kToDevice, command.data() + written, static_cast<size_t>(n));
             written += static_cast<size_t>(n);
             continue;
         }
@@ -313,29 +360,35 @@ int CSerialCommDev::Write(const std::string& command, std::uint32_t timeoutMs)
             Trace::Printf("CSerialCommDev::Write: %s\n", std::strerror(errno));
             return COM_WRITE_ERROR;
         }
-        pollfd p{s.fd, POLLOUT, 0};
-        int ready = ::poll(&p, 1, MsLeft(deadline));
+        // The line is flow-controlled off: wait for room, or for Close.
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        pollfd p[2] = {{s.fd, POLLOUT, 0}, {s.wakeRead, POLLIN, 0}};
+        int ready = ::poll(p, 2, static_cast<int>(std::max<long long>(left, 0)));
         if (ready < 0 && errno == EINTR)
             continue;
-        if (ready == 0)
-            return COM_TIMEOUT;
-        if (ready < 0 || (p.revents & (POLLERR | POLLHUP | POLLNVAL)))
+        if (ready == 0 || (p[1].revents & POLLIN)) {
+            std::lock_guard lock(s.mutex);
+            s.writeUnfinished = true;
+            return ready == 0 ? COM_TIMEOUT : COM_WRITE_ERROR;
+        }
+        if (ready < 0 || (p[0].revents & (POLLERR | POLLHUP | POLLNVAL)))
             return COM_WRITE_ERROR;
     }
     return COM_OK;
 }
 
-int CSerialCommDev::WaitForReply(const std::string& command, std::string& reply, std::uint32_t timeoutMs,
-                                 std::int32_t checkEcho)
+int CSerialCommDev::WaitForReply(Shared& s, const std::string& command, std::string& reply,
+                                 std::uint32_t timeoutMs, std::int32_t checkEcho)
 {
-    Shared& s = *m_pShared;
     reply.clear();
     std::unique_lock lock(s.mutex);
-    if (!s.replyEvent.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return s.replySet; })) {
+    if (!s.replyEvent.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return s.replySet || s.closing; })) {
         Trace::Write("return(COM_TIMEOUT)\n");
         s.EmptyBuffer();
         return COM_TIMEOUT;
     }
+    if (!s.replySet)
+        return COM_READ_ERROR; // closed while waiting
     s.replySet = false;
     if (s.received >= kBufferSize) {
         Trace::Write("return(COM_BUFFER_TOO_BIG)\n");
@@ -343,12 +396,19 @@ int CSerialCommDev::WaitForReply(const std::string& command, std::string& reply,
         return COM_BUFFER_TOO_BIG;
     }
     reply.assign(s.buffer.get(), s.received);
-    if (checkEcho != 0 && reply.compare(0, command.size(), command) != 0) {
+    const bool echoed = reply.compare(0, command.size(), command) == 0;
+    if (checkEcho != 0 && !echoed) {
         Trace::Write("return(COM_BAD_ECHO)\n");
         s.EmptyBuffer();
         return COM_BAD_ECHO;
     }
-    if (!reply.empty() && reply.back() == s.eventChar.load()) {
+    // One reply ends with the terminator and holds no other after the
+    // echo: a second one means an unasked answer came glued to this one,
+    // and neither can be trusted.
+    const char terminator = s.eventChar.load();
+    const std::size_t body = echoed ? command.size() : 0;
+    if (!reply.empty() && reply.back() == terminator
+        && reply.find(terminator, body) == reply.size() - 1) {
         s.EmptyBuffer();
         return COM_OK;
     }
@@ -377,25 +437,31 @@ void CSerialCommDev::CommWatchThread(std::shared_ptr<Shared> shared)
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
             continue;
         }
-        // Read under the lock so a writer's purge and this read never
-        // interleave: bytes are either purged as stale or belong to the reply.
-        std::lock_guard lock(s.mutex);
-        ssize_t n = ::read(s.fd, chunk, sizeof chunk);
-        if (n <= 0)
-            continue;
-        size_t room = CSerialCommDev::kBufferSize - std::min<size_t>(s.inputQueue.size(), CSerialCommDev::kBufferSize);
-        s.inputQueue.insert(s.inputQueue.end(), chunk, chunk + std::min<size_t>(static_cast<size_t>(n), room));
-        if (std::memchr(chunk, s.eventChar.load(), static_cast<size_t>(n)) == nullptr)
-            continue;
-        // The event character arrived: hand over everything waiting, as the
-        // driver's queue would, at most one buffer's worth.
-        s.DrainInto(s.inputQueue);
-        size_t take = std::min<size_t>(s.inputQueue.size(), CSerialCommDev::kBufferSize);
-        std::memcpy(s.buffer.get(), s.inputQueue.data(), take);
-        s.received = static_cast<std::uint32_t>(take);
-        s.inputQueue.erase(s.inputQueue.begin(), s.inputQueue.begin() + static_cast<long>(take));
-        s.replySet = true;
-        s.replyEvent.notify_all();
+        bool replied = false;
+        {
+            // Read under the lock so a writer's purge and this read never
+            // interleave: bytes are either purged as stale or belong to the reply.
+            std::lock_guard lock(s.mutex);
+            ssize_t n = ::read(s.fd, chunk, sizeof chunk);
+            if (n <= 0)
+                continue;
+            CWireTrace::Bytes(s.path, CWireTrace::kFromDevice, chunk, static_cast<size_t>(n));
+            size_t room = CSerialCommDev::kBufferSize - std::min<size_t>(s.inputQueue.size(), CSerialCommDev::kBufferSize);
+            s.inputQueue.insert(s.inputQueue.end(), chunk, chunk + std::min<size_t>(static_cast<size_t>(n), room));
+            if (std::memchr(chunk, s.eventChar.load(), static_cast<size_t>(n)) != nullptr) {
+                // The event character arrived: hand over everything waiting,
+                // as the driver's queue would, at most one buffer's worth.
+                size_t take = std::min<size_t>(s.inputQueue.size(), CSerialCommDev::kBufferSize);
+                std::memcpy(s.buffer.get(), s.inputQueue.data(), take);
+                s.received = static_cast<std::uint32_t>(take);
+                s.inputQueue.erase(s.inputQueue.begin(), s.inputQueue.begin() + static_cast<long>(take));
+                s.replySet = true;
+                replied = true;
+            }
+        }
+        // Woken after the lock is free, the caller does not block on it again.
+        if (replied)
+            s.replyEvent.notify_one();
     }
     Trace::Printf("The thread %s has exited with code %d\n", "CommWatchThread", kWatchExitCode);
     std::lock_guard lock(s.exitMutex);

@@ -1,11 +1,13 @@
 // A serial port as the drive link uses it: termios on a device path, a
 // watch thread ("CommWatchThread") that collects bytes and wakes the caller
 // when the current event character (";" or 0x08) arrives, and one exchange
-// of command and reply with the coded results 0, 1, 4, 5, 10, 11.
+// of command and reply with the coded results 0, 1, 3, 4, 5, 10, 11. The
+// port is held exclusively while open and left as it was found when closed.
 #pragma once
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 
 namespace tessitor {
@@ -29,15 +31,21 @@ public:
     static constexpr int kCloseWaitMs = 500;
 
     CSerialCommDev();
-    /// Waits for the watch thread (up to 100 waits of 100 ms) and closes.
+    /// Closes, then waits for a watch thread an earlier Close left behind
+    /// (up to 100 waits of 100 ms).
     virtual ~CSerialCommDev();
     CSerialCommDev(const CSerialCommDev&) = delete;
     CSerialCommDev& operator=(const CSerialCommDev&) = delete;
 
-    /// Opens and configures path, starts the watch thread, raises DTR.
-    /// Returns 0 or an errno value (EBUSY when another program holds it).
+    /// Opens path exclusively (flock and TIOCEXCL), saves its line settings
+    /// as found, configures it, starts the watch thread and raises DTR.
+    /// Returns 0 or an errno value: EBUSY when another program holds it,
+    /// ENOTTY when path is not a terminal device.
     int Open(const std::string& path, const SerialLineSettings& line);
-    /// Stops the watch thread (at most kCloseWaitMs) and closes the port.
+    /// Stops the watch thread (at most kCloseWaitMs), puts the line settings
+    /// back as Open found them, gives up the exclusivity and closes. Safe
+    /// from any thread: an exchange waiting meanwhile ends at once with
+    /// COM_READ_ERROR.
     void Close();
     /// Writes command (terminator included) and waits up to timeoutMs for
     /// the reply, kAttempts times at most, each attempt announced to the
@@ -52,14 +60,17 @@ public:
     const std::string& Path() const { return m_sPath; }
 
 private:
-    int Write(const std::string& command, std::uint32_t timeoutMs);
-    int WaitForReply(const std::string& command, std::string& reply, std::uint32_t timeoutMs,
-                     std::int32_t checkEcho);
-
     struct Shared;
+    std::shared_ptr<Shared> Current() const;
+    static int Write(Shared& s, const std::string& command, std::uint32_t timeoutMs);
+    static int WaitForReply(Shared& s, const std::string& command, std::string& reply, std::uint32_t timeoutMs,
+                            std::int32_t checkEcho);
     /// Collects bytes and signals the reply when the event character arrives.
     static void CommWatchThread(std::shared_ptr<Shared> shared);
-    std::shared_ptr<Shared> m_pShared; // shared with the watch thread
+
+    mutable std::mutex m_csShared;     // guards the pointer, not the state
+    std::shared_ptr<Shared> m_pShared; // shared with the watch thread and running exchanges
+    std::shared_ptr<Shared> m_pLeftBehind; // a thread Close could not stop, for the destructor
     std::string m_sPath;
 };
 

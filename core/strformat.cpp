@@ -29,4 +29,29 @@ std::string Trim(const std::string& text)
     return text.substr(begin, end - begin + 1);
 }
 
+std::string Escaped(std::string_view bytes)
+{
+    static constexpr char kHex[] = "0123456789ABCDEF";
+    std::string text;
+    text.reserve(bytes.size());
+    for (char c : bytes) {
+        switch (c) {
+        case '\r': text += "\\r"; break;
+        case '\n': text += "\\n"; break;
+        case '\t': text += "\\t"; break;
+        case '\\': text += "\\\\"; break;
+        default:
+            if (c >= 0x20 && c < 0x7F) {
+                text += c;
+            } else {
+                const auto b = static_cast<unsigned char>(c);
+                text += "\\x";
+                text += kHex[b >> 4];
+                text += kHex[b & 0xF];
+            }
+        }
+    }
+    return text;
+}
+
 } // namespace tessitor

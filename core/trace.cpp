@@ -1,5 +1,6 @@
 #include "core/trace.h"
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdlib>
 #include <mutex>
@@ -12,6 +13,9 @@ struct Sink {
     std::FILE* stream = nullptr;
     bool ownsStream = false;
     bool configured = false;
+    // -1 not yet configured, 0 off, 1 on: lets Enabled() answer without the
+    // lock, so lines that are never written cost nothing to skip.
+    std::atomic<int> state{-1};
 
     void Close()
     {
@@ -19,6 +23,7 @@ struct Sink {
             std::fclose(stream);
         stream = nullptr;
         ownsStream = false;
+        state = 0;
     }
     void ConfigureFromEnvironment()
     {
@@ -29,10 +34,11 @@ struct Sink {
             return;
         if (std::string(value) == "1") {
             stream = stderr;
-            return;
+        } else {
+            stream = std::fopen(value, "a");
+            ownsStream = stream != nullptr;
         }
-        stream = std::fopen(value, "a");
-        ownsStream = stream != nullptr;
+        state = stream ? 1 : 0;
     }
 };
 
@@ -47,6 +53,8 @@ Sink& TheSink()
 bool Trace::Enabled()
 {
     Sink& sink = TheSink();
+    if (int state = sink.state.load(std::memory_order_acquire); state >= 0)
+        return state == 1;
     std::lock_guard lock(sink.mutex);
     if (!sink.configured)
         sink.ConfigureFromEnvironment();
@@ -56,6 +64,8 @@ bool Trace::Enabled()
 void Trace::Write(const std::string& text)
 {
     Sink& sink = TheSink();
+    if (sink.state.load(std::memory_order_acquire) == 0)
+        return;
     std::lock_guard lock(sink.mutex);
     if (!sink.configured)
         sink.ConfigureFromEnvironment();
@@ -96,6 +106,7 @@ void Trace::SetStream(std::FILE* stream)
     sink.Close();
     sink.configured = true;
     sink.stream = stream;
+    sink.state = stream ? 1 : 0;
 }
 
 } // namespace tessitor

@@ -91,7 +91,14 @@ TEST_F(CliTest, SilentDriveTimesOut)
     EXPECT_EQ(m_Peer.Count("SR\r"), 0);
     std::ifstream in(trace);
     std::string text((std::istreambuf_iterator<char>(in)), {});
-    EXPECT_NE(text.find("return(COM_TIMEOUT)\nreturn(COM_TIMEOUT)\nreturn(COM_TIMEOUT)\n"), std::string::npos) << text;
+    auto count = [&text](const std::string& line) {
+        int n = 0;
+        for (size_t at = text.find(line); at != std::string::npos; at = text.find(line, at + 1))
+            ++n;
+        return n;
+    };
+    EXPECT_EQ(count("return(COM_TIMEOUT)\n"), 3) << text;
+    EXPECT_EQ(count(" -> \"PX\\r\"\n"), 3) << "each write on the wire is traced: " << text;
     EXPECT_NE(text.find("The thread CommWatchThread has exited with code 13\n"), std::string::npos) << text;
     fs::remove(trace);
 }

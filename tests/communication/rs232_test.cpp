@@ -1,8 +1,15 @@
 // The serial link end to end: CRs232 over a real pseudo-terminal against a
 // scripted drive.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
+#include <future>
+#include <regex>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -44,6 +51,23 @@ protected:
         }
         ADD_FAILURE() << "nothing was thrown";
         return Exc(0, nullptr, -100);
+    }
+
+    // The trace written while fn runs.
+    template <class Fn>
+    static std::string Traced(Fn fn)
+    {
+        std::FILE* file = std::tmpfile();
+        Trace::SetStream(file);
+        fn();
+        Trace::SetStream(nullptr);
+        std::rewind(file);
+        std::string text;
+        char chunk[4096];
+        while (size_t n = std::fread(chunk, 1, sizeof chunk, file))
+            text.append(chunk, n);
+        std::fclose(file);
+        return text;
     }
 
     std::string Value(const std::string& command, std::uint32_t timeoutMs = 2000)
@@ -91,7 +115,7 @@ TEST_F(Rs232Test, ValuesAndAssignmentsCrossTheWire)
         return CScriptedPeer::Answer(line, "");
     });
 
-    EXPECT_EQ(Value("PX"), "1234");
+    std::string traced = Traced([&] { EXPECT_EQ(Value("PX"), "1234"); });
     EXPECT_EQ(Value("KP[2]"), "5.500");
     EXPECT_EQ(Value("MO=1"), ";") << "no value: one character is taken";
     std::string reply;
@@ -100,6 +124,10 @@ TEST_F(Rs232Test, ValuesAndAssignmentsCrossTheWire)
 
     EXPECT_EQ(m_Peer.Count("MO=1\r"), 1);
     EXPECT_TRUE(m_pLink->IsStateChanged()) << "MO=1 changes the drive's state";
+    // Every write and read on the wire, time-stamped, direction, escaped bytes.
+    std::regex wire("[0-9]+\\.[0-9]{6} " + m_Peer.Path() + " -> \"PX\\\\r\"\n"
+                    "[0-9]+\\.[0-9]{6} " + m_Peer.Path() + " <- \"PX\\\\r1234;\"\n");
+    EXPECT_TRUE(std::regex_search(traced, wire)) << traced;
 }
 
 TEST_F(Rs232Test, DriveErrorsCarryTheirNumberAndText)
@@ -193,12 +221,24 @@ TEST_F(Rs232Test, StaleBytesBeforeACommandAreNotItsReply)
     EXPECT_EQ(m_Peer.Count("VX\r"), 1);
 }
 
-TEST_F(Rs232Test, ReplyThatDoesNotEndWithTheTerminator)
+TEST_F(Rs232Test, RepliesThatDoNotEndAtTheirOnlyTerminatorAreBadData)
 {
     m_Peer.SetHandler([](const std::string& line) { return line + "12;34"; });
     Exc bad = Thrown([&] { Value("PX", kShortTimeoutMs); });
     EXPECT_EQ(bad.m_nErrorCode, COM_BAD_DATA);
     EXPECT_EQ(bad.m_sMessage, "Bad Data received from Controller");
+
+    // An unasked answer glued to the real one is no value, not even the
+    // second; the next attempt gets a clean one.
+    int sent = 0;
+    m_Peer.SetHandler([&sent](const std::string& line) {
+        return (++sent < 3 ? line + "Talvina 0.9.0.0;" : "") + CScriptedPeer::Answer(line, "Talvina 1.2.0.0");
+    });
+    EXPECT_EQ(Value("VR"), "Talvina 1.2.0.0");
+    EXPECT_EQ(m_Peer.Count("VR\r"), 3);
+    m_Peer.SetHandler([](const std::string& line) { return line + "1;" + CScriptedPeer::Answer(line, "0"); });
+    Exc glued = Thrown([&] { m_pLink->CheckLink(); });
+    EXPECT_EQ(glued.m_nErrorCode, COM_BAD_DATA) << "the link check does not call such a link healthy";
 
     m_Peer.SetHandler([](const std::string& line) { return line + "1234"; });
     Exc silent = Thrown([&] { Value("PY", kShortTimeoutMs); });
@@ -227,7 +267,7 @@ TEST_F(Rs232Test, LongCommandsGetLongerTimeOuts)
         std::this_thread::sleep_for(std::chrono::milliseconds(600));
         return CScriptedPeer::Answer(line, "");
     });
-    for (const char* command : {"SV", "SG", "BH=3", "bh=1"}) {
+    for (const char* command : {"SV", "BH=3"}) {
         std::string reply;
         EXPECT_NO_THROW(m_pLink->SendCommand(command, reply, 50, 0)) << command;
         EXPECT_EQ(m_Peer.Count(std::string(command) + "\r"), 1) << command << " waited for its one reply";
@@ -369,19 +409,12 @@ TEST_F(Rs232Test, RecordingIsUploadedInChunksAndAChunkThatDoesNotDecodeIsAskedFo
     test::CChunkRecorder store;
     store.nRefuse = 1;
     test::CPostCounter progress;
-    std::FILE* trace = std::tmpfile();
-    Trace::SetStream(trace);
 
-    EXPECT_EQ(m_pLink->UploadRecordedData(250, 3, store, &progress, nullptr), 0);
-    Trace::SetStream(nullptr);
-    std::rewind(trace);
-    char traced[4096] = {};
-    traced[std::fread(traced, 1, sizeof traced - 1, trace)] = '\0';
-    std::fclose(trace);
+    std::string traced = Traced([&] { EXPECT_EQ(m_pLink->UploadRecordedData(250, 3, store, &progress, nullptr), 0); });
     EXPECT_EQ(store.arChunks, (std::vector<std::string>{"chunk 0-99", "chunk 100-199", "chunk 200-249"}));
     EXPECT_EQ(m_Peer.Count("BH=3\r"), 4) << "the refused chunk was asked for once more";
     EXPECT_EQ(m_Peer.Count("RP[8]=0\r"), 1) << "a repeat sends BH alone";
-    EXPECT_NE(std::string(traced).find("BH command was repeat 1 times\n"), std::string::npos) << traced;
+    EXPECT_NE(traced.find("BH command was repeat 1 times\n"), std::string::npos) << traced;
     EXPECT_EQ(progress.nPosted.load(), 3);
     EXPECT_EQ(progress.nLastMessage, kMsgRecProgress);
 
@@ -396,20 +429,137 @@ TEST_F(Rs232Test, RecordingIsUploadedInChunksAndAChunkThatDoesNotDecodeIsAskedFo
     EXPECT_EQ(m_Peer.Count("RP[9]=49\r"), 1);
 }
 
-TEST_F(Rs232Test, PortIsExclusiveAndReopensAfterClose)
+// Opens path as an unprivileged user would (as "nobody" when this test runs
+// as root, whom TIOCEXCL does not stop); 0 or the errno of the open.
+int OpenAsUnprivileged(const std::string& path)
 {
+    if (::geteuid() != 0) {
+        int fd = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
+        int error = fd < 0 ? errno : 0;
+        if (fd >= 0)
+            ::close(fd);
+        return error;
+    }
+    ::chmod(path.c_str(), 0666);
+    pid_t child = ::fork();
+    if (child == 0) {
+        if (::setgid(65534) != 0 || ::setuid(65534) != 0)
+            ::_exit(100);
+        int fd = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
+        ::_exit(fd < 0 ? errno : 0);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST_F(Rs232Test, PortIsTakenExclusivelyConfiguredAsMappedAndGivenBackAsFound)
+{
+    m_pLink->Disconnect();
+    termios before = m_Peer.Line();
+    before.c_iflag |= IXOFF | IXANY; // left by whatever used the port before
+    before.c_lflag |= ECHO;
+    ::cfsetispeed(&before, B9600);
+    ::cfsetospeed(&before, B9600);
+    m_Peer.SetLine(before);
+    before = m_Peer.Line();
+    CCommunicationInfo info;
+    info.wBaudRate = 57600;
+    info.bParity = 1;
+    info.bStopBits = 2;
+    info.bFlowCtrl = 0x2;
+    CRs232 link(info);
+    link.SetDevicePath(m_Peer.Path());
+
+    ASSERT_EQ(link.Connect(), 0);
+    termios during = m_Peer.Line();
     CRs232 second{CCommunicationInfo{}};
     second.SetDevicePath(m_Peer.Path());
-    EXPECT_EQ(second.Connect(), EBUSY);
-
-    m_pLink->Disconnect();
-    ASSERT_EQ(m_pLink->Connect(), 0) << "close released the port and its watch thread";
+    int secondLink = second.Connect();
+    int unprivilegedWhileOpen = OpenAsUnprivileged(m_Peer.Path());
+    link.Disconnect();
+    termios after = m_Peer.Line();
+    int unprivilegedAfterClose = OpenAsUnprivileged(m_Peer.Path());
+    info.bParity = 4;
+    info.bFlowCtrl = 0x4;
+    CRs232 again(info);
+    again.SetDevicePath(m_Peer.Path());
+    int reopened = again.Connect();
+    termios xonXoff = m_Peer.Line();
     m_Peer.SetHandler([](const std::string& line) { return CScriptedPeer::Answer(line, "9"); });
-    EXPECT_EQ(Value("SR"), "9");
+    std::string value;
+    again.SendCommandGetValue("SR", value, 2000);
 
+    // A pseudo-terminal keeps no PARENB; INPCK shows parity was asked for.
+    const tcflag_t kept = PARODD | CMSPAR | CSTOPB | CRTSCTS;
+    EXPECT_EQ(::cfgetospeed(&during), B57600);
+    EXPECT_EQ(during.c_cflag & kept, PARODD | CSTOPB | CRTSCTS);
+    EXPECT_EQ(during.c_iflag & INPCK, INPCK);
+    EXPECT_EQ(during.c_iflag & (IXON | IXOFF | IXANY), 0u) << "without bit 2 no XON/XOFF either way";
+    EXPECT_EQ(during.c_lflag & ECHO, 0u);
+    EXPECT_EQ(secondLink, EBUSY);
+    EXPECT_EQ(second.GetConnectError(), m_Peer.Path() + " is in use by another program (Device or resource busy)");
+    EXPECT_EQ(unprivilegedWhileOpen, EBUSY);
+    EXPECT_EQ(std::memcmp(&after, &before, sizeof after), 0) << "the line is as it was found";
+    EXPECT_EQ(unprivilegedAfterClose, 0) << "exclusivity given back";
+    EXPECT_EQ(reopened, 0);
+    EXPECT_EQ(xonXoff.c_cflag & kept, CMSPAR | CSTOPB) << "space parity, two stop bits";
+    EXPECT_EQ(xonXoff.c_iflag & (IXON | IXOFF | IXANY), IXON | IXOFF);
+    EXPECT_EQ(value, "9");
+}
+
+TEST(Rs232Open, RefusesWhatIsNotATerminalAndNamesTheFailure)
+{
+    char file[] = "/tmp/tessitor-not-a-port-XXXXXX";
+    int fd = ::mkstemp(file);
+    ASSERT_GE(fd, 0);
+    ::close(fd);
+
+    CRs232 regular{CCommunicationInfo{}};
+    regular.SetDevicePath(file);
+    int regularResult = regular.Connect();
+    CRs232 null{CCommunicationInfo{}};
+    null.SetDevicePath("/dev/null");
+    int nullResult = null.Connect();
     CRs232 missing{CCommunicationInfo{}};
     missing.SetDevicePath("/dev/does-not-exist");
-    EXPECT_EQ(missing.Connect(), ENOENT);
+    int missingResult = missing.Connect();
+    struct stat info{};
+    ::stat(file, &info);
+    ::unlink(file);
+
+    EXPECT_EQ(regularResult, ENOTTY);
+    EXPECT_EQ(regular.GetConnectError(), std::string(file) + " is not a terminal device");
+    EXPECT_EQ(info.st_size, 0) << "nothing was written to it";
+    EXPECT_EQ(nullResult, ENOTTY);
+    EXPECT_EQ(missingResult, ENOENT);
+    EXPECT_EQ(missing.GetConnectError(), "/dev/does-not-exist: No such file or directory");
+    EXPECT_FALSE(null.IsConnected());
+}
+
+TEST_F(Rs232Test, DisconnectFromAnotherThreadEndsAWaitingCommand)
+{
+    m_Peer.SetHandler([](const std::string&) { return std::string(); });
+    std::promise<Exc> failed;
+    std::thread waiting([&] {
+        try {
+            std::string reply;
+            m_pLink->SendCommand("PX", reply, 60000, 0);
+            failed.set_value(Exc(0, nullptr, -100));
+        } catch (const Exc& e) {
+            failed.set_value(e);
+        }
+    });
+    while (m_Peer.Count("PX\r") == 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+
+    m_pLink->Disconnect();
+    Exc e = failed.get_future().get();
+    waiting.join();
+
+    EXPECT_EQ(e.m_nErrorCode, COM_READ_ERROR);
+    EXPECT_EQ(m_Peer.Count("PX\r"), 1) << "no attempt after the close";
+    EXPECT_EQ(OpenAsUnprivileged(m_Peer.Path()), 0) << "the port was given back";
 }
 
 TEST(Rs232Vanished, DriveThatGoesAwayIsAWriteError)

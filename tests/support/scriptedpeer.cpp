@@ -125,6 +125,19 @@ void CScriptedPeer::SendRaw(const std::string& bytes)
     m_pImpl->WriteAll(bytes);
 }
 
+// The master's termios requests reach the slave's settings.
+termios CScriptedPeer::Line() const
+{
+    termios line{};
+    ::tcgetattr(m_pImpl->master, &line);
+    return line;
+}
+
+void CScriptedPeer::SetLine(const termios& line)
+{
+    ::tcsetattr(m_pImpl->master, TCSANOW, &line);
+}
+
 std::vector<std::string> CScriptedPeer::Lines() const
 {
     std::lock_guard lock(m_pImpl->mutex);

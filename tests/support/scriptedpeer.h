@@ -5,6 +5,8 @@
 // recorder's side of an upload: a sample store and a progress window.
 #pragma once
 
+#include <termios.h>
+
 #include <atomic>
 #include <functional>
 #include <memory>
@@ -86,6 +88,10 @@ public:
     void SetHandler(Handler handler);
     /// Writes bytes to the client now, unasked.
     void SendRaw(const std::string& bytes);
+    /// The line settings of the client's side now.
+    termios Line() const;
+    /// Sets them, as a program that used the port before might leave them.
+    void SetLine(const termios& line);
     /// Every line received so far, terminator included.
     std::vector<std::string> Lines() const;
     /// How many received lines equal line.
