@@ -1,13 +1,19 @@
 #include "can/can.h"
 
 #include <algorithm>
+#include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <source_location>
 
+#include "can/binaryinterpreter.h"
 #include "can/canadapterchoice.h"
+#include "can/canclassify.h"
 #include "can/sdoprotocol.h"
+#include "communication/producttable.h"
 #include "core/settings.h"
+#include "core/strformat.h"
 #include "core/trace.h"
 #include "core/ui.h"
 #include "core/window.h"
@@ -16,6 +22,20 @@ namespace tessitor {
 namespace {
 
 constexpr std::uint32_t kDriveErrorTimeoutMs = 500; // the "EC" after a general abort
+constexpr std::uint32_t kLinkCheckTimeoutMs = 1000;
+constexpr std::uint32_t kRecordSetupTimeoutMs = 1000; // "RP[8]=0", "RP[9]=0" before a record upload
+constexpr std::uint32_t kRecordUploadTimeoutMs = 5000;
+constexpr std::uint16_t kDeviceTypeObject = 0x1000;
+
+// The CANopen OS command: 0x1024 clears, 0x1023 sub-index 1 takes the
+// command, 2 reports the status, 3 holds the reply.
+constexpr std::uint16_t kOsCommandObject = 0x1023;
+constexpr std::uint16_t kOsCommandMode = 0x1024;
+constexpr std::uint8_t kOsSubCommand = 1;
+constexpr std::uint8_t kOsSubStatus = 2;
+constexpr std::uint8_t kOsSubReply = 3;
+constexpr std::uint8_t kOsStatusExecuting = 0xFF;
+constexpr std::uint8_t kOsStatusError = 3;
 
 // Protocol violations and aborts go to the trace with where they were found.
 void LogAt(const char* text, std::source_location where = std::source_location::current())
@@ -102,13 +122,156 @@ void CCan::Disconnect()
     m_pAdapter.reset();
 }
 
-int CCan::Exchange(const std::string& command, std::string& reply, std::uint32_t /*timeoutMs*/,
+int CCan::Exchange(const std::string& command, std::string& reply, std::uint32_t timeoutMs,
                    std::int32_t /*checkEcho*/)
 {
-    // Drive commands over CAN come with the command classification.
-    Trace::Printf("CCan::Exchange: '%s' has no CAN transfer yet\n", command.c_str());
+    // CAN carries the command's text without its carriage return.
+    std::string text = command;
+    if (!text.empty() && text.back() == '\r')
+        text.pop_back();
     reply.clear();
-    return COM_NOT_IMPLEMENTED;
+    try {
+        RunCommand(text, reply, timeoutMs);
+    } catch (const CExceptionComm& e) {
+        // Coded results go back to the transaction, which latches a time-out.
+        if (e.m_nErrorSource == kErrSrcCan && e.m_nErrorCode > 0)
+            return e.m_nErrorCode;
+        throw;
+    }
+    return COM_OK;
+}
+
+void CCan::RunCommand(const std::string& command, std::string& reply, std::uint32_t timeoutMs)
+{
+    CanCommandClass transfer;
+    if (!m_bOsCommandOnly)
+        transfer = ClassifyCanCommand(command, GetProcessorType());
+    if (command.find("MO=1") != std::string::npos)
+        m_bMotorOn = true;
+    const std::uint16_t cobId = SdoRequestCobId();
+    switch (transfer.nKind) {
+    case kTransferSdoUpload:
+        if (transfer.bRecord)
+            SDO_UpLoadRecord(cobId, transfer.wIndex, transfer.bSubIndex, command, reply, timeoutMs, nullptr);
+        else
+            SDO_UpLoad(cobId, transfer.wIndex, transfer.bSubIndex, reply, timeoutMs);
+        break;
+    case kTransferSdoDownload: {
+        const std::string& data = transfer.sData.empty() ? command : transfer.sData;
+        SDO_DownLoad(cobId, transfer.wIndex, transfer.bSubIndex, reinterpret_cast<const std::uint8_t*>(data.data()),
+                     static_cast<std::uint32_t>(data.size()), timeoutMs, nullptr);
+        break;
+    }
+    case kTransferBinary:
+        BinaryCommand(command, reply, timeoutMs);
+        break;
+    default:
+        OsCommand(command, reply, timeoutMs);
+        break;
+    }
+}
+
+void CCan::BinaryCommand(const std::string& command, std::string& reply, std::uint32_t timeoutMs)
+{
+    BinaryRequest request = BuildBinaryRequest(command);
+    SendFrame(CanMessage{static_cast<std::uint16_t>(kCobRpdo2 + NodeId()), request.nLength, request.abData.data()});
+    std::uint8_t data[8] = {};
+    CanMessage answer{0, 0, data};
+    ReceivePdoFrame(answer, timeoutMs);
+    reply = FormatBinaryReply(data, answer.wLength, request.bIndexed);
+    if (BinaryReplyFailed(data))
+        throw CExceptionComm(-1, this, kErrSrcCanDrive, GetDriveErrorText(std::atoi(reply.c_str())));
+}
+
+void CCan::OsCommand(const std::string& command, std::string& reply, std::uint32_t timeoutMs)
+{
+    const std::uint16_t cobId = SdoRequestCobId();
+    const std::uint8_t clear = 0;
+    SDO_DownLoad(cobId, kOsCommandMode, 0, &clear, 1, timeoutMs, nullptr);
+    SDO_DownLoad(cobId, kOsCommandObject, kOsSubCommand, reinterpret_cast<const std::uint8_t*>(command.data()),
+                 static_cast<std::uint32_t>(command.size()), timeoutMs, nullptr);
+
+    // The wait ends when the elapsed ticks equal the time-out exactly, as the
+    // drive tools have always compared. The tick advances by at most one
+    // millisecond a poll, so the equality is always reached: after the
+    // time-out on a quick bus, later on a slow one, but always.
+    const auto start = std::chrono::steady_clock::now();
+    std::uint32_t tick = 0;
+    std::uint8_t status = kOsStatusExecuting;
+    do {
+        std::string result;
+        SDO_UpLoad(cobId, kOsCommandObject, kOsSubStatus, result, timeoutMs);
+        if (!result.empty())
+            status = static_cast<std::uint8_t>(result[0]);
+        auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+        tick = std::min(tick + 1, static_cast<std::uint32_t>(elapsed.count()));
+    } while (status == kOsStatusExecuting && tick != timeoutMs);
+    if (status == kOsStatusExecuting)
+        throw CExceptionComm(-1, this, kErrSrcCanDrive, "Error : OSCommand did not answered in expected time");
+
+    SDO_UpLoad(cobId, kOsCommandObject, kOsSubReply, reply, timeoutMs);
+    std::string message;
+    if (status == kOsStatusError && CheckDriveError(command, reply, message))
+        throw CExceptionComm(-1, this, kErrSrcCanDrive, message);
+}
+
+std::string CCan::ReplyValue(const std::string& command, const std::string& reply) const
+{
+    std::string value = reply.substr(0, reply.find('\0'));
+    if (!m_bOsCommandOnly && ClassifyCanCommand(command, GetProcessorType()).nKind == kTransferBinary) {
+        std::size_t equals = value.find('=');
+        value = command.find('=') != std::string::npos || equals == std::string::npos ? "" : value.substr(equals + 1);
+    }
+    return value.empty() ? ";" : value;
+}
+
+std::int32_t CCan::CheckLink()
+{
+    if (!IsConnected()) {
+        SetLinkBroken(true);
+        return 0;
+    }
+    try {
+        std::string reply;
+        SendCommand("SR", reply, kLinkCheckTimeoutMs, 0);
+    } catch (const CExceptionComm& e) {
+        if (e.m_nErrorSource != kErrSrcCanDrive) {
+            SetLinkBroken(true);
+            return 0;
+        }
+        SetLinkBroken(false);
+        return -2;
+    }
+    SetLinkBroken(false);
+    return 1;
+}
+
+void CCan::Identify()
+{
+    // Other drives hold the CiA device type in 0x1000 and answer "VR" by OS
+    // command; only a "BreNol" version text there changes the transfer.
+    try {
+        std::string text;
+        SdoUpload(kDeviceTypeObject, 0, text, kLinkCheckTimeoutMs);
+        char product[65] = {};
+        if (std::sscanf(text.c_str(), "%64s", product) == 1 && CProductTable::Default()->ProcessorType(product) == "BreNol")
+            SetProcessorType("BreNol");
+    } catch (const CExceptionComm& e) {
+        Trace::Printf("CCan::Identify: 0x1000 not read (%d)\n", e.m_nErrorCode);
+    }
+    CCommunication::Identify();
+}
+
+void CCan::UploadRecord(std::uint32_t mask, std::string& data, Window* progress)
+{
+    std::string reply;
+    SendCommand("RP[8]=0", reply, kRecordSetupTimeoutMs, 0);
+    SendCommand("RP[9]=0", reply, kRecordSetupTimeoutMs, 0);
+    const std::string command = StrFormat("BH=%u", mask);
+    CanCommandClass transfer = ClassifyCanCommand(command, GetProcessorType());
+    std::lock_guard lock(TransactionLock());
+    SDO_UpLoadRecord(SdoRequestCobId(), transfer.wIndex, transfer.bSubIndex, command, data, kRecordUploadTimeoutMs,
+                     progress);
 }
 
 void CCan::CheckConnected()

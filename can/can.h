@@ -1,7 +1,9 @@
 // The CAN link: a drive reached through a CAN adapter (canadapter.h), with
 // the CANopen SDO client that reads and writes its object dictionary on the
 // node's default SDO channel (requests 0x600 + node, responses 0x580 +
-// node). Every failure is thrown as CCommunication::CExceptionComm: a
+// node). Drive commands travel as one of four transfers (canclassify.h): an
+// SDO upload or download of a fixed object, the binary interpreter on the
+// second PDO pair (binaryinterpreter.h), or the OS command (0x1023/0x1024). Every failure is thrown as CCommunication::CExceptionComm: a
 // missing response is code 1 (error source 4), an SDO abort carries its text
 // ("SDO Abort:\n...") with error source 7, 8 or 9, a protocol violation its
 // text with error source 4.
@@ -11,8 +13,12 @@
 //   std::string name;
 //   link.SdoUpload(0x1008, 0, name, 1000);   // the device name
 //   link.SdoDownload(0x2000, 1, "text", 1000);
+//   link.Identify();                          // "VR": the product and its processor type
+//   std::string value;
+//   link.SendCommandGetValue("KP[2]", value, 1000);   // "120", as on a serial line
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -48,6 +54,21 @@ public:
     std::string DeviceName() const override;
     /// Why the last Connect failed, naming the device.
     std::string ConnectError() const;
+    /// There is no echo on CAN: the check is "SR" alone; 1 when it answers
+    /// without a drive error, -2 with one, 0 (link broken) when it fails.
+    std::int32_t CheckLink() override;
+    /// A "BreNol" drive keeps its version text in 0x1000: read it first, so
+    /// that "VR" then takes the transfer of the drive's family.
+    void Identify() override;
+
+    /// Every command by OS command, whatever its text.
+    void SetOsCommandOnly(bool only) { m_bOsCommandOnly = only; }
+    /// Set by every command that contains "MO=1", also when it fails.
+    bool IsMotorOn() const { return m_bMotorOn; }
+    /// How "BH" travels: "RP[8]=0" and "RP[9]=0", then the record upload of
+    /// 0x2030 with the sub-index of mask's lowest bit (5000 ms); data gets
+    /// the record as the drive answers "BH" on a serial line.
+    void UploadRecord(std::uint32_t mask, std::string& data, Window* progress);
 
     /// Told of every frame this link's adapter sends and receives, from the
     /// next Connect on (the command line's --trace-frames).
@@ -107,8 +128,16 @@ public:
 protected:
     int Exchange(const std::string& command, std::string& reply, std::uint32_t timeoutMs,
                  std::int32_t checkEcho) override;
+    /// The value of a reply: after "=" for the binary interpreter, the text
+    /// up to a padding zero otherwise; ";" (no value) for an assignment or
+    /// an empty reply, as a serial line gives.
+    std::string ReplyValue(const std::string& command, const std::string& reply) const override;
 
 private:
+    void RunCommand(const std::string& command, std::string& reply, std::uint32_t timeoutMs);
+    void BinaryCommand(const std::string& command, std::string& reply, std::uint32_t timeoutMs);
+    void OsCommand(const std::string& command, std::string& reply, std::uint32_t timeoutMs);
+
     void ReceiveFrom(std::uint16_t function, CanMessage& frame, std::uint32_t timeoutMs);
     void CheckConnected();
     /// The initiate-upload exchange shared by the uploads; response in frame.
@@ -120,6 +149,8 @@ private:
     CCanAdapter::Monitor m_fnMonitor;
     int m_nMonitorId = 0;
     std::string m_sConnectError;
+    std::atomic<bool> m_bOsCommandOnly{false};
+    std::atomic<bool> m_bMotorOn{false};
 };
 
 } // namespace tessitor

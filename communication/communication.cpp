@@ -191,7 +191,7 @@ int CCommunication::SendCommandGetValue(const std::string& command, std::string&
     std::string message;
     if (CheckDriveError(command, reply, message))
         throw CExceptionComm(-1, this, kErrSrcDrive, message);
-    value = ExtractValue(command, reply);
+    value = ReplyValue(command, reply);
     return 0;
 }
 
@@ -277,7 +277,7 @@ void CCommunication::Identify()
     try {
         SendCommandGetReply("VR", reply, kIdentifyTimeoutMs);
         std::string message;
-        m_sVersion = CheckDriveError("VR", reply, message) ? "Unknown version" : ExtractValue("VR", reply);
+        m_sVersion = CheckDriveError("VR", reply, message) ? "Unknown version" : ReplyValue("VR", reply);
     } catch (const CExceptionComm&) {
         m_sVersion = "Unknown version";
     }

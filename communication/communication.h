@@ -151,7 +151,7 @@ public:
 
     /// Asks "VR", stores the version text and the processor type, and warns
     /// about "BreNol" products unless the user turned the warning off.
-    void Identify();
+    virtual void Identify();
     const std::string& GetVersionText() const { return m_sVersion; }
     /// "DSP", "STP", "BreNol", or "" before identification / for unknown products.
     const std::string& GetProcessorType() const { return m_sProcessorType; }
@@ -193,6 +193,12 @@ protected:
                          std::int32_t checkEcho) = 0;
     /// Switches the reply terminator between ";" and 0x08.
     virtual void ToggleTerminator() {}
+    /// The value in this transport's reply to command; the byte-stream
+    /// links take it from behind the echo (ExtractValue).
+    virtual std::string ReplyValue(const std::string& command, const std::string& reply) const
+    {
+        return ExtractValue(command, reply);
+    }
 
     /// The time-out a command gets: 50 s for "SG"/"SV", 5 s for "BH"/"bh"
     /// and "DL" lines, else timeoutMs.

@@ -35,6 +35,17 @@ public:
                                     static_cast<std::uint8_t>(code >> 16), static_cast<std::uint8_t>(code >> 24)});
     }
 
+    /// Queues the next binary interpreter reply (0x280 + node) of length bytes.
+    void AnswerPdo(std::initializer_list<std::uint8_t> bytes)
+    {
+        sdo::Frame frame{};
+        std::copy(bytes.begin(), bytes.end(), frame.begin());
+        m_arPdoAnswers.emplace_back(frame, static_cast<std::uint16_t>(bytes.size()));
+    }
+    /// Answered whenever the script has no SDO response left (a drive that
+    /// stays busy); none: a time-out.
+    std::optional<sdo::Frame> m_optRepeat;
+
     std::vector<sdo::Frame> m_arSent;
     std::vector<std::uint16_t> m_arSentIds;
 
@@ -45,8 +56,19 @@ public:
         m_arSent.push_back(bytes);
         m_arSentIds.push_back(frame.wCobId);
     }
+    void ReceivePdoFrame(CanMessage& frame, std::uint32_t /*timeoutMs*/) override
+    {
+        if (m_arPdoAnswers.empty())
+            throw CExceptionComm(COM_TIMEOUT, this, kErrSrcCan);
+        std::copy(m_arPdoAnswers.front().first.begin(), m_arPdoAnswers.front().first.end(), frame.pData);
+        frame.wCobId = static_cast<std::uint16_t>(kCobTpdo2 + NodeId());
+        frame.wLength = m_arPdoAnswers.front().second;
+        m_arPdoAnswers.pop_front();
+    }
     void ReceiveSdoFrame(CanMessage& frame, std::uint32_t /*timeoutMs*/) override
     {
+        if (m_arAnswers.empty() && m_optRepeat)
+            m_arAnswers.push_back(*m_optRepeat);
         if (m_arAnswers.empty())
             throw CExceptionComm(COM_TIMEOUT, this, kErrSrcCan);
         std::copy(m_arAnswers.front().begin(), m_arAnswers.front().end(), frame.pData);
@@ -66,6 +88,7 @@ private:
         return info;
     }
     std::deque<sdo::Frame> m_arAnswers;
+    std::deque<std::pair<sdo::Frame, std::uint16_t>> m_arPdoAnswers;
 };
 
 /// A window that keeps the messages it gets, in order.
