@@ -12,6 +12,7 @@
 #include "can/canclassify.h"
 #include "can/sdoprotocol.h"
 #include "communication/producttable.h"
+#include "communication/waitnotice.h"
 #include "core/settings.h"
 #include "core/strformat.h"
 #include "core/trace.h"
@@ -51,10 +52,15 @@ CanMessage Message(std::uint16_t cobId, std::uint8_t* data)
 
 } // namespace
 
-CCan::CCan(const CCommunicationInfo& info) : CCommunication(info) {}
+CCan::CCan(const CCommunicationInfo& info)
+    : CCommunication(info),
+      m_sDeviceName(ChooseCanAdapter(info, Settings::User()).Name() + " node " + std::to_string(info.mNodeID))
+{
+}
 
 CCan::~CCan()
 {
+    NotifyDestroy();
     std::lock_guard lock(m_csAdapter);
     if (m_pAdapter) {
         if (m_nMonitorId)
@@ -67,13 +73,7 @@ CCan::~CCan()
 
 std::string CCan::DeviceName() const
 {
-    return ChooseCanAdapter(m_Info, Settings::User()).Name() + " node " + std::to_string(NodeId());
-}
-
-std::string CCan::ConnectError() const
-{
-    std::lock_guard lock(m_csAdapter);
-    return m_sConnectError;
+    return m_sDeviceName;
 }
 
 void CCan::SetFrameMonitor(CCanAdapter::Monitor monitor)
@@ -85,6 +85,7 @@ void CCan::SetFrameMonitor(CCanAdapter::Monitor monitor)
 int CCan::Connect()
 {
     CanAdapterChoice choice = ChooseCanAdapter(m_Info, Settings::User());
+    m_sDeviceName = choice.Name() + " node " + std::to_string(NodeId());
     std::shared_ptr<CCanAdapter> adapter = AcquireCanAdapter(choice);
     std::lock_guard lock(m_csAdapter);
     if (m_pAdapter)
@@ -93,14 +94,14 @@ int CCan::Connect()
     if (m_fnMonitor)
         m_nMonitorId = adapter->AddMonitor(m_fnMonitor);
     if (int error = adapter->Open(m_Info.mBaudRateIndex)) {
-        m_sConnectError = choice.Name() + ": " + adapter->LastError();
+        SetConnectError(choice.Name() + ": " + adapter->LastError());
         if (m_nMonitorId)
             adapter->RemoveMonitor(m_nMonitorId);
         m_nMonitorId = 0;
         adapter->DetachNode(NodeId());
         return error;
     }
-    m_sConnectError.clear();
+    SetConnectError({});
     m_pAdapter = std::move(adapter);
     SetConnected(true);
     SetLinkBroken(false);
@@ -143,6 +144,7 @@ int CCan::Exchange(const std::string& command, std::string& reply, std::uint32_t
 
 void CCan::RunCommand(const std::string& command, std::string& reply, std::uint32_t timeoutMs)
 {
+    m_sWaitingFor = command;
     CanCommandClass transfer;
     if (!m_bOsCommandOnly)
         transfer = ClassifyCanCommand(command, GetProcessorType());
@@ -270,6 +272,7 @@ void CCan::UploadRecord(std::uint32_t mask, std::string& data, Window* progress)
     const std::string command = StrFormat("BH=%u", mask);
     CanCommandClass transfer = ClassifyCanCommand(command, GetProcessorType());
     std::lock_guard lock(TransactionLock());
+    m_sWaitingFor = command;
     SDO_UpLoadRecord(SdoRequestCobId(), transfer.wIndex, transfer.bSubIndex, command, data, kRecordUploadTimeoutMs,
                      progress);
 }
@@ -317,7 +320,11 @@ void CCan::ReceiveFrom(std::uint16_t function, CanMessage& frame, std::uint32_t 
     if (!frame.pData)
         throw CExceptionComm(COM_BUFFER_NULL, this, kErrSrcCan);
     CanFrame received;
-    int result = adapter->ReceiveFrame(function, NodeId(), received, timeoutMs);
+    int result;
+    {
+        CWaitNotice notice(m_sWaitingFor, m_sDeviceName);
+        result = adapter->ReceiveFrame(function, NodeId(), received, timeoutMs);
+    }
     if (result != COM_OK) {
         Trace::Printf("CCan: no frame 0x%03X from node %d within %u ms (%d)\n", function + NodeId(), NodeId(),
                       timeoutMs, result);
@@ -437,7 +444,7 @@ void CCan::SDO_Rx_Array(std::uint16_t cobId, std::string& record, std::uint32_t 
         const int used = 7 - sdo::SegmentUnused(frame[0]);
         record.append(reinterpret_cast<const char*>(frame.data() + 1), static_cast<std::size_t>(used));
         if (++segments % kRecordProgressSegments == 0 && progress)
-            progress->PostMessage(kMsgSdoProgress, 0, 0);
+            progress->PostMessage(kMsgRecProgress, 0, 0);
         toggle ^= 1;
         if (sdo::LastSegment(frame[0]))
             return;
@@ -525,12 +532,33 @@ void CCan::SdoAbortMessage(std::uint32_t code, std::string& text, int show)
         Ui::Current().MessageBox(nullptr, text, "Tessitor", MB_OK | MB_ICONWARNING);
 }
 
+int CCan::UploadRecordedData(std::int32_t /*length*/, std::uint32_t mask, CSampleStore& store, Window* pProgress,
+                             const std::atomic<std::int32_t>* pAbort)
+{
+    // The record holds the whole recording: the drive sends from "RP[8]"
+    // to its end when "RP[9]" is 0.
+    for (int send = 1; send <= kRecordChunkSends; ++send) {
+        if (pAbort && pAbort->load() == 1)
+            return 0;
+        if (send > 1)
+            Trace::Printf("BH command was repeat %d times\n", send - 1);
+        std::string record;
+        UploadRecord(mask, record, pProgress);
+        if (pAbort && pAbort->load() == 1)
+            return 0;
+        if (store.AppendChunk(record))
+            return 0;
+    }
+    return -5;
+}
+
 // ---------------------------------------------------------------- tools
 
 void CCan::SdoUpload(std::uint16_t index, std::uint8_t sub, std::string& data, std::uint32_t timeoutMs)
 {
     CheckConnected();
     std::lock_guard lock(TransactionLock());
+    m_sWaitingFor = StrFormat("SDO upload 0x%04X/%d", index, sub);
     const std::uint16_t cobId = SdoRequestCobId();
     data.clear();
     sdo::Frame response{};
@@ -552,6 +580,7 @@ void CCan::SdoDownload(std::uint16_t index, std::uint8_t sub, const std::string&
 {
     CheckConnected();
     std::lock_guard lock(TransactionLock());
+    m_sWaitingFor = StrFormat("SDO download 0x%04X/%d", index, sub);
     SDO_DownLoad(SdoRequestCobId(), index, sub, reinterpret_cast<const std::uint8_t*>(data.data()),
                  static_cast<std::uint32_t>(data.size()), timeoutMs, progress);
 }

@@ -27,13 +27,15 @@
 #include "can/canadapter.h"
 #include "can/canmessage.h"
 #include "communication/communication.h"
+#include "communication/samplestore.h"
 
 namespace tessitor {
 
 class Window;
 
-/// Progress messages of a transfer to its progress window.
-constexpr unsigned kMsgSdoProgress = 0x401; ///< a segment (download) or 20 segments (record upload)
+/// Progress messages of a segmented download to its progress window (a
+/// record upload posts kMsgRecProgress every kRecordProgressSegments).
+constexpr unsigned kMsgSdoProgress = 0x401; ///< a segment is written
 constexpr unsigned kMsgSdoStart = 0x402;    ///< a segmented download begins: wParam bytes, lParam per segment
 constexpr unsigned kMsgSdoDone = 0x403;     ///< the download is done
 /// Segments of a record upload between two progress messages.
@@ -46,14 +48,12 @@ public:
     ~CCan() override;
 
     /// Opens the descriptor's adapter at its bit rate; 0 or an errno value
-    /// (ConnectError says it in words).
+    /// (GetConnectError says it in words).
     int Connect() override;
     /// Tells the listeners, marks the link broken, lets go of the adapter.
     void Disconnect() override;
     /// "slcan:/dev/ttyACM0 node 5".
     std::string DeviceName() const override;
-    /// Why the last Connect failed, naming the device.
-    std::string ConnectError() const;
     /// There is no echo on CAN: the check is "SR" alone; 1 when it answers
     /// without a drive error, -2 with one, 0 (link broken) when it fails.
     std::int32_t CheckLink() override;
@@ -69,6 +69,12 @@ public:
     /// 0x2030 with the sub-index of mask's lowest bit (5000 ms); data gets
     /// the record as the drive answers "BH" on a serial line.
     void UploadRecord(std::uint32_t mask, std::string& data, Window* progress);
+    /// The recording in one record upload (UploadRecord), handed to store
+    /// as one chunk; asked again, up to kRecordChunkSends times, while it
+    /// does not decode. pProgress gets kMsgRecProgress every
+    /// kRecordProgressSegments segments.
+    int UploadRecordedData(std::int32_t length, std::uint32_t mask, CSampleStore& store, Window* pProgress,
+                           const std::atomic<std::int32_t>* pAbort) override;
 
     /// Told of every frame this link's adapter sends and receives, from the
     /// next Connect on (the command line's --trace-frames).
@@ -148,7 +154,8 @@ private:
     std::shared_ptr<CCanAdapter> m_pAdapter;
     CCanAdapter::Monitor m_fnMonitor;
     int m_nMonitorId = 0;
-    std::string m_sConnectError;
+    std::string m_sDeviceName;
+    std::string m_sWaitingFor; // what the waits are for, for the front end
     std::atomic<bool> m_bOsCommandOnly{false};
     std::atomic<bool> m_bMotorOn{false};
 };

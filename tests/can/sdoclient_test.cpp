@@ -100,7 +100,7 @@ TEST(SdoClient, RecordUploadWantsSegmentsAndPostsProgressEveryTwentySegments)
     link.SDO_UpLoadRecord(0x605, 0x2030, 1, "BH=1", record, 1000, &window);
 
     EXPECT_EQ(record, expected);
-    CRecordingWindow::Message progress{kMsgSdoProgress, 0, 0, true};
+    CRecordingWindow::Message progress{kMsgRecProgress, 0, 0, true};
     EXPECT_EQ(window.m_arMessages, (std::vector{progress, progress}));
 }
 

@@ -153,8 +153,8 @@ TEST(SlcanAdapter, TwoNodesOnOneStickShareItAndNeverMixTheirAnswers)
     CScriptedPeer stick;
     ServeStick(stick, TwoNodes);
     CCan node5(SlcanInfo(stick.Path(), 5)), node6(SlcanInfo(stick.Path(), 6));
-    ASSERT_EQ(node5.Connect(), 0) << node5.ConnectError();
-    ASSERT_EQ(node6.Connect(), 0) << node6.ConnectError() << " (the second link shares the open stick)";
+    ASSERT_EQ(node5.Connect(), 0) << node5.GetConnectError();
+    ASSERT_EQ(node6.Connect(), 0) << node6.GetConnectError() << " (the second link shares the open stick)";
 
     std::atomic<int> mixed{0};
     auto run = [&mixed](CCan& link) {

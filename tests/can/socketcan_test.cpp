@@ -119,7 +119,7 @@ TEST_F(SocketCan, LinkReadsAndWritesObjectsOfANodeOnTheBus)
 {
     CBusServer server({{0x100800, "Ortiva vcan drive"}});
     CCan link(Info());
-    ASSERT_EQ(link.Connect(), 0) << link.ConnectError();
+    ASSERT_EQ(link.Connect(), 0) << link.GetConnectError();
 
     std::string name;
     link.SdoUpload(0x1008, 0, name, 5000);

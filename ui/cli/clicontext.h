@@ -68,7 +68,6 @@ private:
     void AddCanOptionsTo(CLI::App& app, const char* group);
     void ResolveCan(CCommunicationInfo& info);
     void PrepareCanLink(CCommunication& link);
-    std::string CanConnectError(CCommunication& link) const;
 
     std::shared_ptr<void> m_pEmbeddedDrive; // keeps the --sim drive alive
 };

@@ -93,12 +93,6 @@ void CConnectionOptions::PrepareCanLink(CCommunication& link)
     });
 }
 
-std::string CConnectionOptions::CanConnectError(CCommunication& link) const
-{
-    auto* can = dynamic_cast<CCan*>(&link);
-    return can ? can->ConnectError() : std::string();
-}
-
 void RegisterCanCommand(CLI::App& app, CCliContext& context)
 {
     CLI::App* can = app.add_subcommand("can", "Watch a CAN bus");

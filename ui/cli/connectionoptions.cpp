@@ -143,7 +143,7 @@ std::unique_ptr<CCommunication> CConnectionOptions::Connect(bool bIdentify)
     PrepareCanLink(*link);
     if (int error = link->Connect()) {
         if (info.GetKind() == kKindCan)
-            throw ConnectError("Create Communication Device Fault. " + CanConnectError(*link));
+            throw ConnectError("Create Communication Device Fault. " + link->GetConnectError());
         std::string where = options.sSerialPath.empty() ? info.GetDisplayText() : options.sSerialPath;
         std::string why;
         if (info.GetKind() == kKindTcp || info.GetKind() == kKindTcpKmas)
