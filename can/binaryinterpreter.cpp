@@ -80,4 +80,20 @@ std::string FormatBinaryReply(const std::uint8_t* data, std::uint16_t length, bo
     return bIndexed ? StrFormat("%c%c[%d]=%d", a, b, index, value) : StrFormat("%c%c=%d", a, b, value);
 }
 
+std::string ShortestFloatText(const std::string& text)
+{
+    if (text.find_first_of(".eE") == std::string::npos)
+        return text; // an integer: exact as it stands
+    char* end = nullptr;
+    const float value = std::strtof(text.c_str(), &end);
+    if (end == text.c_str() || *end != '\0')
+        return text;
+    for (int digits = 1; digits < 9; ++digits) {
+        std::string shorter = StrFormat("%.*g", digits, static_cast<double>(value));
+        if (std::strtof(shorter.c_str(), nullptr) == value)
+            return shorter;
+    }
+    return text;
+}
+
 } // namespace tessitor

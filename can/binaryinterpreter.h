@@ -34,5 +34,9 @@ BinaryRequest BuildBinaryRequest(const std::string& command);
 std::string FormatBinaryReply(const std::uint8_t* data, std::uint16_t length, bool bIndexed);
 /// True when the reply's error flag is set, whatever its value bytes hold.
 bool BinaryReplyFailed(const std::uint8_t* data);
+/// A float's text ("0.33000001" as "%.8g" gives it) in the fewest digits
+/// that read back as the same single-precision number ("0.33"), the way a
+/// drive prints it on a serial line; any other text as it is.
+std::string ShortestFloatText(const std::string& text);
 
 } // namespace tessitor

@@ -222,7 +222,9 @@ std::string CCan::ReplyValue(const std::string& command, const std::string& repl
     std::string value = reply.substr(0, reply.find('\0'));
     if (!m_bOsCommandOnly && ClassifyCanCommand(command, GetProcessorType()).nKind == kTransferBinary) {
         std::size_t equals = value.find('=');
-        value = command.find('=') != std::string::npos || equals == std::string::npos ? "" : value.substr(equals + 1);
+        value = command.find('=') != std::string::npos || equals == std::string::npos
+                    ? ""
+                    : ShortestFloatText(value.substr(equals + 1));
     }
     return value.empty() ? ";" : value;
 }

@@ -134,9 +134,9 @@ public:
 protected:
     int Exchange(const std::string& command, std::string& reply, std::uint32_t timeoutMs,
                  std::int32_t checkEcho) override;
-    /// The value of a reply: after "=" for the binary interpreter, the text
-    /// up to a padding zero otherwise; ";" (no value) for an assignment or
-    /// an empty reply, as a serial line gives.
+    /// The value of a reply: after "=" for the binary interpreter (a float
+    /// in its fewest digits), the text up to a padding zero otherwise; ";"
+    /// (no value) for an assignment or an empty reply, as a serial line gives.
     std::string ReplyValue(const std::string& command, const std::string& reply) const override;
 
 private:

@@ -92,6 +92,9 @@ TEST(BinaryInterpreter, RequestAndReplyFramesByteByByte)
     EXPECT_EQ(FormatBinaryReply(floating, 8, true), "SP[3]=1.5");
     const std::uint8_t negative[8] = {'P', 'X', 0, 0, 0xF9, 0xFF, 0xFF, 0xFF};
     EXPECT_EQ(FormatBinaryReply(negative, 8, false), "PX=-7");
+    EXPECT_EQ(ShortestFloatText("0.33000001"), "0.33");
+    EXPECT_EQ(ShortestFloatText("100000001"), "100000001") << "integers stay exact";
+    EXPECT_EQ(ShortestFloatText("1.5"), "1.5");
     const std::uint8_t failed[8] = {'P', 'X', 0, 0x40, 0, 0, 0, 0};
     EXPECT_TRUE(BinaryReplyFailed(failed)) << "bit 14 fails the command even with a zero value";
     EXPECT_EQ(FormatBinaryReply(failed, 8, false), "0");

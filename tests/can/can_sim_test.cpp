@@ -1,0 +1,198 @@
+// The CAN link end to end against the virtual drives on a CAN bus: `tessitor
+// sim --slcan` in another process for the command line, and the same drive
+// model behind a serial and a CAN face at once for "same values".
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <thread>
+
+#include "can/can.h"
+#include "communication/rs232.h"
+#include "sim/simserialserver.h"
+#include "sim/simslcanserver.h"
+#include "tests/sim/simtesthelpers.h"
+#include "tests/support/backgroundprocess.h"
+#include "tests/support/process.h"
+#include "tests/support/scriptedpeer.h"
+
+using namespace tessitor;
+using namespace tessitor::test;
+namespace fs = std::filesystem;
+
+namespace {
+
+class CanSim : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        m_Config = fs::temp_directory_path() / ("tessitor-cansim-" + std::to_string(::getpid()) + "-" +
+                                                ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".ini");
+        fs::remove(m_Config);
+    }
+    void TearDown() override { fs::remove(m_Config); }
+
+    ProcessResult Run(std::vector<std::string> args)
+    {
+        args.insert(args.begin(), TessitorPath());
+        return RunProcess(args, {"TESSITOR_CONFIG=" + m_Config.string()});
+    }
+    static std::vector<std::string> Can(const std::string& path, int node, std::vector<std::string> args)
+    {
+        std::vector<std::string> all = {"--yes", "--can", "slcan:" + path, "--node", std::to_string(node)};
+        all.insert(all.end(), args.begin(), args.end());
+        return all;
+    }
+
+    fs::path m_Config;
+};
+
+CCommunicationInfo CanInfo(const std::string& path, std::uint8_t node)
+{
+    CCommunicationInfo info;
+    info.m_sCommType = "CAN";
+    info.sManufacture = "SLCAN";
+    info.sBoardType = path;
+    info.mNodeID = node;
+    info.mBaudRateIndex = 7;
+    return info;
+}
+
+std::string Value(CCommunication& link, const std::string& command)
+{
+    std::string value;
+    link.SendCommandGetValue(command, value, 5000);
+    return value;
+}
+
+std::vector<double> Samples(const std::vector<std::string>& chunks)
+{
+    std::vector<double> samples;
+    for (const std::string& chunk : chunks) {
+        sim::test::Upload u = sim::test::DecodeUpload(chunk);
+        EXPECT_TRUE(u.bOk) << chunk.substr(0, 40);
+        samples.insert(samples.end(), u.arSamples.begin(), u.arSamples.end());
+    }
+    return samples;
+}
+
+} // namespace
+
+TEST_F(CanSim, SdoCommandsReadWriteAndReportAbortsAndSilence)
+{
+    CBackgroundProcess bus({TessitorPath(), "sim", "--slcan", "--node", "5,6:Bressa", "--fault",
+                            "abort:/0x1018:0x06040047"});
+    const std::string path = bus.FirstLine();
+    ASSERT_FALSE(path.empty());
+
+    ProcessResult names = Run(Can(path, 5, {"sdo", "upload", "0x1008", "0", "0x100A", "0"}));
+    ProcessResult other = Run(Can(path, 6, {"sdo", "upload", "0x1008", "0"}));
+    ProcessResult write = Run(Can(path, 5, {"sdo", "download", "--hex", "0x1017", "0", "E803"}));
+    ProcessResult back = Run(Can(path, 5, {"sdo", "upload", "--hex", "0x1017", "0"}));
+    ProcessResult refused = Run(Can(path, 5, {"sdo", "upload", "0x1018", "1"}));
+    ProcessResult missing = Run(Can(path, 5, {"sdo", "upload", "0x1234", "0"}));
+    ProcessResult silent = Run(Can(path, 7, {"--timeout", "300", "sdo", "upload", "0x1008", "0"}));
+
+    EXPECT_EQ(names.sOut, "Talvina\nTalvina 2.1.0.0\n") << names.sErr;
+    EXPECT_EQ(other.sOut, "Bressa\n") << "two nodes on one bus answer for themselves";
+    EXPECT_EQ(write.nStatus, 0) << write.sErr;
+    EXPECT_EQ(back.sOut, "E803\n");
+    EXPECT_EQ(refused.nStatus, 1);
+    EXPECT_EQ(refused.sErr, "SDO Abort:\nGeneral internal incompatibility in the device.\n");
+    EXPECT_EQ(missing.sErr, "SDO Abort:\nObject does not exist in the object dictionary.\n");
+    EXPECT_EQ(silent.nStatus, 1);
+    EXPECT_EQ(silent.sErr, "Time Out Waiting for Response from Controller\n");
+    EXPECT_EQ(bus.Stop(SIGINT), 0);
+}
+
+TEST_F(CanSim, CommandsGiveTheSerialLinesValuesOnBothFamilies)
+{
+    auto talvina = std::make_shared<sim::CSimDrive>("Talvina");
+    auto bressa = std::make_shared<sim::CSimDrive>("Bressa");
+    sim::CSimSerialServer talvinaSerial(talvina), bressaSerial(bressa);
+    sim::CSimSlcanServer bus;
+    bus.AddNode(talvina, 5);
+    bus.AddNode(bressa, 6);
+    talvinaSerial.Start();
+    bressaSerial.Start();
+    bus.Start();
+    // Every transfer: OS command (VR and values with a point on Talvina),
+    // SDO upload (VR on Bressa), binary interpreter, SDO download (LD).
+    const std::vector<std::string> commands = {"send", "VR", "KP[2]=7", "KP[2]", "KP[1]=1.5", "KP[1]", "SP=2000",
+                                               "SP", "UM", "LD", "KP[2]"};
+
+    for (auto [serialPath, node] : {std::pair{talvinaSerial.SlavePath(), 5}, std::pair{bressaSerial.SlavePath(), 6}}) {
+        std::vector<std::string> serialArgs = {"--yes", "--serial", serialPath};
+        serialArgs.insert(serialArgs.end(), commands.begin(), commands.end());
+        ProcessResult overSerial = Run(serialArgs);
+        ProcessResult overCan = Run(Can(bus.SlavePath(), node, commands));
+
+        EXPECT_EQ(overCan.nStatus, 0) << overCan.sErr;
+        EXPECT_EQ(overCan.sOut, overSerial.sOut) << "node " << node;
+        EXPECT_NE(overCan.sOut.find("\n\n7\n"), std::string::npos) << overCan.sOut;
+    }
+
+    ProcessResult info = Run(Can(bus.SlavePath(), 6, {"info"}));
+    EXPECT_NE(info.sOut.find("product: Bressa\nprocessor: BreNol\nlink check: ok (1)"), std::string::npos)
+        << info.sOut << info.sErr;
+}
+
+TEST_F(CanSim, DriveErrorsAndABusyDriveFailWithTheirMessages)
+{
+    CBackgroundProcess bus({TessitorPath(), "sim", "--slcan", "--node", "5", "--fault", "busy:/KP[1]=1.5", "--fault",
+                            "error:/PX:5"});
+    const std::string path = bus.FirstLine();
+
+    ProcessResult busy = Run(Can(path, 5, {"--timeout", "300", "send", "KP[1]=1.5"}));
+    ProcessResult interpreter = Run(Can(path, 5, {"send", "PX"}));
+    ProcessResult os = Run(Can(path, 5, {"send", "UM=abc"}));
+
+    EXPECT_EQ(busy.nStatus, 1);
+    EXPECT_EQ(busy.sErr, "Error : OSCommand did not answered in expected time\n");
+    EXPECT_EQ(interpreter.nStatus, 1);
+    EXPECT_EQ(interpreter.sErr, "Command not supported by this product\n");
+    EXPECT_EQ(os.nStatus, 1);
+    EXPECT_EQ(os.sErr, "Error (30) :  'UM=abc' : Bad number format !\n");
+}
+
+TEST_F(CanSim, RecordingComesOverCanAsOverTheSerialLine)
+{
+    auto drive = std::make_shared<sim::CSimDrive>("Talvina");
+    sim::CSimSerialServer serialFace(drive);
+    sim::CSimSlcanServer bus;
+    bus.AddNode(drive, 5);
+    serialFace.Start();
+    bus.Start();
+    CCommunicationInfo serialInfo;
+    CRs232 serial(serialInfo);
+    serial.SetDevicePath(serialFace.SlavePath());
+    CCan can(CanInfo(bus.SlavePath(), 5));
+    ASSERT_EQ(serial.Connect(), 0);
+    ASSERT_EQ(can.Connect(), 0) << can.GetConnectError();
+    can.Identify();
+    for (const char* command : {"RR=0", "RC=3", "RG=1", "RL=250", "RP[3]=0", "RR=2"})
+        Value(can, command);
+    for (int poll = 0; poll < 1000 && (std::stoul(Value(can, "SR")) >> 16 & 3) != 2; ++poll)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+
+    CChunkRecorder overSerial, overCan;
+    overCan.nRefuse = 1; // asked again when it does not decode
+    CPostCounter progress;
+    EXPECT_EQ(serial.UploadRecordedData(250, 2, overSerial, nullptr, nullptr), 0);
+    EXPECT_EQ(can.UploadRecordedData(250, 2, overCan, &progress, nullptr), 0);
+
+    ASSERT_EQ(overCan.arChunks.size(), 1u) << "one record holds the whole recording";
+    EXPECT_EQ(overSerial.arChunks.size(), 3u);
+    std::vector<double> samples = Samples(overCan.arChunks);
+    EXPECT_EQ(samples.size(), 250u);
+    EXPECT_EQ(samples, Samples(overSerial.arChunks));
+    const int segments = static_cast<int>((overCan.arChunks[0].size() + 6) / 7);
+    EXPECT_EQ(progress.nPosted.load(), 2 * (segments / kRecordProgressSegments)) << "every 20 segments, both sends";
+
+    bus.Node(5)->AddFault(sim::CSimFaults::Parse("toggle:/0x2030:once"));
+    try {
+        can.UploadRecordedData(250, 2, overCan, nullptr, nullptr);
+        ADD_FAILURE() << "a repeated toggle went unnoticed";
+    } catch (CCommunication::CExceptionComm& e) {
+        EXPECT_EQ(e.FillMessage(), "Error: Toggle bit error in the segmented part of  SDO upload.");
+    }
+}
