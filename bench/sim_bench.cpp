@@ -1,7 +1,8 @@
 // The virtual drive's speed: commands a second through the client's serial
 // link against the unpaced and the paced virtual drive on a pseudo-terminal,
 // reported beside the wire limit of the paced line (what a real line of
-// that baud rate could carry at best), and the drive model on its own.
+// that baud rate and duplex could carry at best), the drive model on its
+// own, and a query after the drive was left alone.
 #include <benchmark/benchmark.h>
 
 #include <chrono>
@@ -13,16 +14,25 @@ using namespace tessitor;
 
 namespace {
 
-// "SP" is answered "SP\r100000;": ten bytes from the drive per command,
-// while the three bytes of the command travel the other way at the same time.
+// "SP\r" (3 bytes) is answered "SP\r100000;": the echo, then 7 bytes.
 constexpr char kCommand[] = "SP";
-constexpr double kReplyBytes = 10;
+constexpr double kCommandBytes = 3;
+constexpr double kValueBytes = 7;
 
-void RoundTrips(benchmark::State& state, unsigned baud)
+// Byte times one command takes on the line at best. Full duplex: the three
+// bytes in, the echo of the carriage return, the value; half duplex: every
+// byte both ways one after the other.
+double BytesPerCommand(sim::SimDuplex duplex)
+{
+    return duplex == sim::SimDuplex::kFull ? kCommandBytes + 1 + kValueBytes : 2 * kCommandBytes + kValueBytes;
+}
+
+void RoundTrips(benchmark::State& state, unsigned baud, sim::SimDuplex duplex = sim::SimDuplex::kFull)
 {
     auto drive = std::make_shared<sim::CSimDrive>("Talvina");
     sim::CSimSerialServer server(drive);
     server.SetPace(baud);
+    server.SetDuplex(duplex);
     server.Start();
     CRs232 link{CCommunicationInfo{}};
     link.SetDevicePath(server.SlavePath());
@@ -40,7 +50,7 @@ void RoundTrips(benchmark::State& state, unsigned baud)
     double rate = static_cast<double>(state.iterations()) / seconds;
     state.counters["commands/s"] = rate;
     if (baud) {
-        double wireLimit = baud / 10.0 / kReplyBytes;
+        double wireLimit = baud / 10.0 / BytesPerCommand(duplex);
         state.counters["wire_limit/s"] = wireLimit;
         state.counters["of_wire_limit"] = rate / wireLimit;
     }
@@ -55,11 +65,13 @@ static void BM_SimUnpaced(benchmark::State& state)
 }
 BENCHMARK(BM_SimUnpaced)->UseRealTime()->MinTime(1.0);
 
+// range(0) baud, range(1) 0 full duplex, 1 half duplex.
 static void BM_SimPaced(benchmark::State& state)
 {
-    RoundTrips(state, static_cast<unsigned>(state.range(0)));
+    RoundTrips(state, static_cast<unsigned>(state.range(0)),
+               state.range(1) ? sim::SimDuplex::kHalf : sim::SimDuplex::kFull);
 }
-BENCHMARK(BM_SimPaced)->Arg(19200)->Arg(115200)->UseRealTime()->MinTime(2.0);
+BENCHMARK(BM_SimPaced)->ArgsProduct({{19200, 115200}, {0, 1}})->UseRealTime()->MinTime(2.0);
 
 // The model alone: parse, check and answer, advancing the motor in real time.
 static void BM_SimDriveExecute(benchmark::State& state)

@@ -2,7 +2,9 @@
 // face's serving thread: the master side for the face (non-blocking), the
 // slave side in raw mode and held open, so that clients may open and close
 // the device path again and again without the master ever seeing a
-// hang-up; and a wake-up event that wakes the serving thread from its poll.
+// hang-up; and a wake-up event that wakes the serving thread from its poll,
+// also when the last client closes the line, so that the next client,
+// whoever it is, finds the line as a fresh one.
 #pragma once
 
 #include <atomic>
@@ -33,12 +35,15 @@ public:
     bool Running() const { return m_Thread.joinable(); }
     /// The master side's descriptor (-1 when closed).
     int Master() const { return m_fdMaster; }
-    /// The wake-up event's descriptor, readable after Wake (-1 when closed).
-    int WakeEvent() const { return m_fdWake; }
+    /// The wake-up event's descriptor, readable after Wake and when clients
+    /// open or close the line (-1 when closed).
+    int WakeEvent() const { return m_fdEvents; }
     /// Wakes whoever polls WakeEvent; from any thread.
     void Wake();
-    /// Takes the wake-ups seen so far.
-    void ClearWake();
+    /// Takes the wake-ups seen so far (serving thread only). True when the
+    /// last client has closed the line since: its exclusive claim is then
+    /// cleared, the line is raw again and what was in flight is dropped.
+    bool ClearWake();
     /// The device path a client opens (/dev/pts/N); valid after Open.
     const std::string& SlavePath() const { return m_sSlavePath; }
 
@@ -46,12 +51,16 @@ private:
     int m_fdMaster = -1;
     int m_fdSlave = -1;
     int m_fdWake = -1;
+    int m_fdNotify = -1;
+    int m_fdEvents = -1;
+    int m_nClients = 0;
     std::string m_sSlavePath;
     std::thread m_Thread;
     std::atomic<bool> m_bServing{false};
 
     void Open();
     void Close();
+    bool MakeRaw(int fd) const;
 };
 
 } // namespace tessitor::sim

@@ -1,7 +1,8 @@
 // The virtual drive on a pseudo-terminal: the serial face. Echoes every
 // byte it receives, runs each line through CSimDrive, and sends the value
 // and terminator back (or the error byte and "?;"), optionally paced like a
-// real baud rate and with injected faults.
+// real line of a baud rate in both directions, full or half duplex, and
+// with injected faults. Serves one client after another, whoever they are.
 #pragma once
 
 #include <memory>
@@ -9,6 +10,7 @@
 
 #include "sim/simdrive.h"
 #include "sim/simfaults.h"
+#include "sim/simwirepacer.h"
 
 namespace tessitor::sim {
 
@@ -25,8 +27,12 @@ public:
     void Stop();
     /// The device path a client opens (/dev/pts/N); valid after Start.
     std::string SlavePath() const;
-    /// Bytes per second on the wire: baud / 10; 0 = as fast as possible.
+    /// Paces both directions like a line of baud (10 bits a byte); 0 = as
+    /// fast as possible.
     void SetPace(unsigned baud);
+    /// Full duplex (the default: echo byte by byte) or half duplex (the
+    /// answer, echo included, after the whole command; nothing overlaps).
+    void SetDuplex(SimDuplex duplex);
     /// The faults injected into replies; change them at any time.
     CSimFaults& Faults();
 

@@ -46,6 +46,40 @@ TEST(SimCliTest, ServesUntilInterrupted)
     EXPECT_EQ(sim.Stop(SIGINT), 0);
 }
 
+// A user who is not root runs the sim and one client after another: each
+// client takes the line exclusively, and the next must still get it.
+TEST(SimCliTest, ServesAnUnprivilegedUserAgainAndAgain)
+{
+    std::vector<std::string> asUser;
+    if (::geteuid() == 0) {
+        asUser = {"/usr/bin/setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"};
+        std::vector<std::string> probe = asUser;
+        probe.push_back("/bin/true");
+        if (RunProcess(probe).nStatus != 0)
+            GTEST_SKIP() << "running as root, and setpriv cannot switch to the user nobody here";
+    }
+    fs::path folder = fs::temp_directory_path() / ("tessitor-sim-user-" + std::to_string(::getpid()));
+    fs::create_directories(folder);
+    fs::permissions(folder, fs::perms::all); // the user's settings go here
+    auto run = [&asUser](std::vector<std::string> args) {
+        args.insert(args.begin(), asUser.begin(), asUser.end());
+        return args;
+    };
+
+    CBackgroundProcess sim(run({TessitorPath(), "sim", "--serial"}));
+    std::string path = sim.FirstLine();
+    ASSERT_EQ(path.rfind("/dev/pts/", 0), 0u) << path;
+    for (int client = 0; client < 3; ++client) {
+        ProcessResult r = RunProcess(run({TessitorPath(), "send", "--serial", path, "VR"}),
+                                     {"TESSITOR_CONFIG=" + (folder / "tessitor.ini").string()});
+        EXPECT_EQ(r.nStatus, 0) << "client " << client << ": " << r.sErr;
+        EXPECT_EQ(r.sOut, "Talvina 2.1.0.0\n");
+    }
+
+    EXPECT_EQ(sim.Stop(SIGINT), 0);
+    fs::remove_all(folder);
+}
+
 TEST(SimCliTest, FaultsFromTheCommandLineReachTheClient)
 {
     CBackgroundProcess sim({TessitorPath(), "sim", "--serial", "--fault", "error:/MO:1", "--fault", "drop:/SR"});

@@ -64,6 +64,18 @@ TEST_F(SimSerialTest, EchoesEachByteAsItArrivesThenAnswersAndOutlivesItsClients)
     m_pServer->Stop();
 }
 
+TEST_F(SimSerialTest, HalfDuplexAnswersOnlyAfterTheWholeCommand)
+{
+    m_pServer->SetDuplex(SimDuplex::kHalf);
+    CRawLine line(m_pServer->SlavePath());
+
+    line.Send("V");
+    EXPECT_EQ(line.ReadUntil('\0', SIZE_MAX, 200), "") << "no echo while the command comes in";
+    line.Send("R\r");
+    EXPECT_EQ(line.ReadUntil(';', 2), "VR\rTalvina 2.1.0.0;");
+    EXPECT_EQ(line.Ask("KP[9]"), std::string("KP[9]\r\x03?;"));
+}
+
 TEST_F(SimSerialTest, OlderFamilyEndsListingsWithBackspace)
 {
     Serve("Nolvet");

@@ -39,6 +39,7 @@ struct SimOptions {
     std::string sPace;  // --pace as given
     bool bPace = false; // --pace given
     unsigned nPace = 0; // its BAUD (serial face)
+    std::string sDuplex = "full";
     std::vector<std::string> arFaults;
     std::string sFlash;
     int nMaxClients = sim::SimTcpLimits{}.nMaxClients;
@@ -292,6 +293,12 @@ void RegisterSimCommand(CLI::App& app, CCliContext& context)
                                         "limit), --slcan at --bitrate (every frame with worst-case bit stuffing)")
                             ->expected(0, 1)
                             ->type_name("[BAUD]");
+    CLI::Option* duplex =
+        sub->add_option("--duplex", options->sDuplex,
+                        "With --serial: full (RS-232, the default: each byte echoed as it arrives) or half\n"
+                        "(RS-485: the answer, echo included, once the whole command is in; nothing overlaps)")
+            ->check(CLI::IsMember({"full", "half"}))
+            ->type_name("full|half");
     sub->add_option("--fault", options->arFaults,
                     "Inject a fault, KIND:TARGET[:ARG][:once] (repeatable), e.g. drop:3, delay:/PX:1500")
         ->take_all()
@@ -323,21 +330,24 @@ void RegisterSimCommand(CLI::App& app, CCliContext& context)
         "on the command lines the drive runs (/SR).\n\n"
         "Examples:\n"
         "  tessitor sim --serial\n"
-        "  tessitor sim --serial --product Bressa --pace 19200\n"
+        "  tessitor sim --serial --product Bressa --pace 19200 --duplex half\n"
         "  tessitor sim --serial --fault drop:/SR --fault error:/MO:1\n"
         "  tessitor sim --serial --flash drive.flash\n"
         "  tessitor sim --tcp 0 --fault half-header:/SR:once\n"
-        "  tessitor sim --tcp 0 --max-clients 4 --idle-timeout 60\n"        "  tessitor sim --slcan --node 5,6:Bressa --pace --bitrate 500\n"
+        "  tessitor sim --tcp 0 --max-clients 4 --idle-timeout 60\n"
+        "  tessitor sim --slcan --node 5,6:Bressa --pace --bitrate 500\n"
         "  tessitor sim --slcan --node 5 --fault abort:/0x1008:0x06040047 --fault busy:/SR\n"
         "Then, from another terminal, with PATH or HOST:PORT as the sim printed it:\n"
         "  tessitor send --serial PATH VR\n"
         "  tessitor send --tcp HOST:PORT --target \"RS232 Port 2\" VR\n"
         "  tessitor --can slcan:PATH --node 5 sdo upload 0x100A 0");
-    context.SetAction(sub, [&context, options, maxClients, idleTimeout, pace] {
+    context.SetAction(sub, [&context, options, maxClients, idleTimeout, pace, duplex] {
         if (options->bSerial + !options->sTcp.empty() + options->bSlcan != 1)
             throw UsageError("choose one face to serve: --serial, --tcp [HOST:]PORT or --slcan");
         if (options->sTcp.empty() && (maxClients->count() != 0 || idleTimeout->count() != 0))
             throw UsageError("--max-clients and --idle-timeout go with --tcp");
+        if (!options->bSerial && duplex->count() != 0)
+            throw UsageError("--duplex goes with --serial");
         if (context.m_Options.AnyGiven())
             throw UsageError("'sim' serves a drive; it takes no connection options");
         options->bPace = pace->count() > 0;
@@ -375,6 +385,7 @@ void RegisterSimCommand(CLI::App& app, CCliContext& context)
         for (const sim::FaultRule& rule : faults)
             server.Faults().Add(rule);
         server.SetPace(options->nPace);
+        server.SetDuplex(options->sDuplex == "half" ? sim::SimDuplex::kHalf : sim::SimDuplex::kFull);
         StartAndAnnounce(server, drive->VersionString());
         WaitForStop(stopSignals);
         server.Stop();
