@@ -126,17 +126,20 @@ TEST(ProductMethods, ImagesLargerThanAChunkMoveInChunksAndBadAnswersAreRefused)
     for (std::size_t i = 0; i < image.size(); ++i)
         image[i] = static_cast<std::uint8_t>(i * 7);
     const std::string hex = CDatFile::EncodeParams(image);
-    std::string corrupt;
-    peer.SetHandler([&](const std::string& line) {
-        for (int n = 0; n < 3; ++n)
-            if (line == "IM[" + std::to_string(n) + "]\r")
-                return test::CScriptedPeer::Answer(line, n == 1 && !corrupt.empty()
-                                                             ? corrupt
-                                                             : hex.substr(static_cast<std::size_t>(n) * 4096, 4096));
-        if (line.rfind("IM[2]=", 0) == 0 && !corrupt.empty())
-            return test::CScriptedPeer::Refusal(line, 4);
-        return test::CScriptedPeer::Answer(line, "");
-    });
+    // A drive that answers chunk 1 with corrupt, and refuses chunk 2, when corrupt is not empty.
+    auto drive = [&hex](std::string corrupt) {
+        return [&hex, corrupt](const std::string& line) {
+            for (int n = 0; n < 3; ++n)
+                if (line == "IM[" + std::to_string(n) + "]\r")
+                    return test::CScriptedPeer::Answer(line, n == 1 && !corrupt.empty()
+                                                                 ? corrupt
+                                                                 : hex.substr(static_cast<std::size_t>(n) * 4096, 4096));
+            if (line.rfind("IM[2]=", 0) == 0 && !corrupt.empty())
+                return test::CScriptedPeer::Refusal(line, 4);
+            return test::CScriptedPeer::Answer(line, "");
+        };
+    };
+    peer.SetHandler(drive(""));
     CRs232 link{CCommunicationInfo{}};
     link.SetDevicePath(peer.Path());
     ASSERT_EQ(0, link.Connect());
@@ -145,9 +148,9 @@ TEST(ProductMethods, ImagesLargerThanAChunkMoveInChunksAndBadAnswersAreRefused)
 
     std::string uploaded = methods->UploadImage(&window);
     methods->DownloadImage(hex);
-    corrupt = std::string(4095, 'A') + "G";
+    peer.SetHandler(drive(std::string(4095, 'A') + "G"));
     auto bad = Thrown([&] { methods->UploadImage(); });
-    corrupt = "A";
+    peer.SetHandler(drive("A"));
     auto odd = Thrown([&] { methods->UploadImage(); });
     auto refused = Thrown([&] { methods->DownloadImage(hex); });
     auto empty = Thrown([&] { methods->DownloadImage(";"); });
