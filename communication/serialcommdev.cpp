@@ -33,9 +33,17 @@ constexpr int kWatchExitCode = 13;
 constexpr int kCloseTerminatedCode = 133;
 constexpr int kDestructorTerminatedCode = 131;
 constexpr int kDestructorWaits = 100;
+constexpr auto kWatchRest = std::chrono::milliseconds(20);
 constexpr auto kDestructorWaitStep = std::chrono::milliseconds(100);
 
 using Clock = std::chrono::steady_clock;
+
+// Milliseconds left until deadline, for poll(); never negative.
+int MsLeft(Clock::time_point deadline)
+{
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    return static_cast<int>(std::clamp<long long>(left, 0, 1 << 30));
+}
 
 speed_t StandardSpeed(std::uint32_t baud)
 {
@@ -100,6 +108,13 @@ void ApplyLine(termios& tio, const SerialLineSettings& line)
 // reference, so a thread left behind by Close, or an exchange that Close
 // interrupted, never touches freed memory or a reused descriptor: the port
 // is closed when the last of them lets go.
+//
+// Who reads the port: while an exchange runs (busy), its caller reads its
+// own reply, so the answer wakes the one thread that waits for it and
+// nothing else. Between exchanges the watch thread reads, keeping unasked
+// bytes (and tracing them) until the next exchange purges them. It stands
+// aside for kWatchRestMs after an exchange, so a burst of commands costs it
+// no wake-up at all.
 struct CSerialCommDev::Shared {
     std::string path;
     int fd = -1;
@@ -107,17 +122,16 @@ struct CSerialCommDev::Shared {
     int wakeWrite = -1;
     std::atomic<int> connected{0};
     std::atomic<char> eventChar{';'};
-    std::atomic<std::uint32_t> timeoutMs{1000};
     SavedLineSettings savedLine;
-    bool writeUnfinished = false; // the last write left bytes in the output queue
+    std::unique_ptr<char[]> buffer{new char[kBufferSize]}; // the caller's reply
 
     std::mutex mutex;
-    std::condition_variable replyEvent;
-    bool replySet = false;        // auto-reset: the waiter clears it
-    bool closing = false;         // Close ran: waiters stop waiting
-    std::vector<char> inputQueue; // bytes read, not yet handed over (the driver's queue)
-    std::unique_ptr<char[]> buffer{new char[kBufferSize]};
-    std::uint32_t received = 0;
+    std::condition_variable watchEvent; // tells the watch thread of Close
+    bool busy = false;                   // an exchange owns the port
+    bool closing = false;                // Close ran: nobody waits any more
+    bool writeUnfinished = false;        // the last write left bytes in the output queue
+    Clock::time_point lastExchange{};
+    std::vector<char> inputQueue; // unasked bytes the watch thread read (the driver's queue)
 
     std::mutex exitMutex;
     std::condition_variable exitEvent;
@@ -131,12 +145,6 @@ struct CSerialCommDev::Shared {
             ::close(wakeRead);
         if (wakeWrite >= 0)
             ::close(wakeWrite);
-    }
-
-    void EmptyBuffer()
-    {
-        buffer[0] = 0;
-        received = 0;
     }
 
     // Gives the port back as it was found: line settings, exclusivity, lock.
@@ -248,7 +256,6 @@ int CSerialCommDev::Open(const std::string& path, const SerialLineSettings& line
     s.wakeRead = wake[0];
     s.wakeWrite = wake[1];
     s.inputQueue.reserve(kBufferSize);
-    s.EmptyBuffer();
     s.connected = 1;
     s.threadRunning = true;
     {
@@ -272,9 +279,9 @@ void CSerialCommDev::Close()
         std::lock_guard lock(s.mutex);
         s.closing = true;
     }
-    s.replyEvent.notify_all();
-    // The wake pipe stays readable from now on: it releases the thread's
-    // poll and any writer waiting for room.
+    s.watchEvent.notify_all();
+    // The wake pipe stays readable from now on: it releases every poll on
+    // the port, the watch thread's and an exchange's.
     char poke = 1;
     [[maybe_unused]] ssize_t ignored = ::write(s.wakeWrite, &poke, 1);
     bool ended = s.WaitForThread(std::chrono::milliseconds(kCloseWaitMs));
@@ -308,7 +315,6 @@ int CSerialCommDev::Exchange(const std::string& command, std::string& reply, std
     for (int attempt = 1; attempt <= kAttempts; ++attempt) {
         {
             CWaitNotice notice(command, s.path, attempt, kAttempts);
-            s.timeoutMs = timeoutMs;
             result = Write(s, command, timeoutMs);
             if (result == COM_OK)
                 result = WaitForReply(s, command, reply, timeoutMs, checkEcho);
@@ -317,6 +323,9 @@ int CSerialCommDev::Exchange(const std::string& command, std::string& reply, std
             break;
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
+    std::lock_guard lock(s.mutex);
+    s.busy = false;
+    s.lastExchange = Clock::now();
     return result;
 }
 
@@ -326,10 +335,12 @@ int CSerialCommDev::Write(Shared& s, const std::string& command, std::uint32_t t
         return COM_WRITE_ERROR;
     {
         // Whatever waits now is stale: an answer nobody waited for, or
-        // noise. The watch thread reads under this lock, so a byte is
-        // either purged here or belongs to the reply, never both. Asking
-        // how much input waits is cheaper than flushing every time.
+        // noise. The watch thread reads only under this lock and only while
+        // no exchange is busy, so a byte is either purged here or belongs to
+        // the reply, never both. Asking how much input waits is cheaper
+        // than flushing every time.
         std::lock_guard lock(s.mutex);
+        s.busy = true;
         std::size_t stale = s.inputQueue.size();
         s.inputQueue.clear();
         int pending = 0;
@@ -342,7 +353,6 @@ int CSerialCommDev::Write(Shared& s, const std::string& command, std::uint32_t t
         }
         if (stale != 0)
             Trace::Printf("CSerialCommDev::Write: %zu stale bytes discarded\n", stale);
-        s.replySet = false;
     }
 
     auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
@@ -361,9 +371,8 @@ int CSerialCommDev::Write(Shared& s, const std::string& command, std::uint32_t t
             return COM_WRITE_ERROR;
         }
         // The line is flow-controlled off: wait for room, or for Close.
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
         pollfd p[2] = {{s.fd, POLLOUT, 0}, {s.wakeRead, POLLIN, 0}};
-        int ready = ::poll(p, 2, static_cast<int>(std::max<long long>(left, 0)));
+        int ready = ::poll(p, 2, MsLeft(deadline));
         if (ready < 0 && errno == EINTR)
             continue;
         if (ready == 0 || (p[1].revents & POLLIN)) {
@@ -381,37 +390,57 @@ int CSerialCommDev::WaitForReply(Shared& s, const std::string& command, std::str
                                  std::uint32_t timeoutMs, std::int32_t checkEcho)
 {
     reply.clear();
-    std::unique_lock lock(s.mutex);
-    if (!s.replyEvent.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return s.replySet || s.closing; })) {
-        Trace::Write("return(COM_TIMEOUT)\n");
-        s.EmptyBuffer();
-        return COM_TIMEOUT;
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    const char terminator = s.eventChar.load();
+    // The reply is everything read until a read brings the terminator, as
+    // the driver's queue hands it over; beyond one buffer it is only counted.
+    std::size_t total = 0;
+    for (;;) {
+        pollfd p[2] = {{s.fd, POLLIN, 0}, {s.wakeRead, POLLIN, 0}};
+        int ready = ::poll(p, 2, MsLeft(deadline));
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (p[1].revents & POLLIN)
+            return COM_READ_ERROR; // closed while waiting
+        if (ready == 0) {
+            Trace::Write("return(COM_TIMEOUT)\n");
+            return COM_TIMEOUT;
+        }
+        if (ready < 0 || !(p[0].revents & POLLIN)) {
+            // The far end hung up (a pseudo-terminal's master closed):
+            // nothing will come; wait out the time-out without spinning.
+            Trace::Write("CommWatchThread: All other error\n");
+            std::this_thread::sleep_for(std::min<std::chrono::milliseconds>(
+                std::chrono::milliseconds(MsLeft(deadline)), std::chrono::milliseconds(20)));
+            continue;
+        }
+        char* into = s.buffer.get() + std::min<std::size_t>(total, kBufferSize);
+        char overflow[512];
+        std::size_t room = kBufferSize - std::min<std::size_t>(total, kBufferSize);
+        ssize_t n = ::read(s.fd, room ? into : overflow, room ? room : sizeof overflow);
+        if (n <= 0)
+            continue;
+        CWireTrace::Bytes(s.path, CWireTrace::kFromDevice, room ? into : overflow, static_cast<size_t>(n));
+        total += static_cast<std::size_t>(n);
+        if (std::memchr(room ? into : overflow, terminator, static_cast<size_t>(n)) != nullptr)
+            break;
     }
-    if (!s.replySet)
-        return COM_READ_ERROR; // closed while waiting
-    s.replySet = false;
-    if (s.received >= kBufferSize) {
+    if (total >= kBufferSize) {
         Trace::Write("return(COM_BUFFER_TOO_BIG)\n");
-        s.EmptyBuffer();
         return COM_BUFFER_TOO_BIG;
     }
-    reply.assign(s.buffer.get(), s.received);
+    reply.assign(s.buffer.get(), total);
     const bool echoed = reply.compare(0, command.size(), command) == 0;
     if (checkEcho != 0 && !echoed) {
         Trace::Write("return(COM_BAD_ECHO)\n");
-        s.EmptyBuffer();
         return COM_BAD_ECHO;
     }
     // One reply ends with the terminator and holds no other after the
     // echo: a second one means an unasked answer came glued to this one,
     // and neither can be trusted.
-    const char terminator = s.eventChar.load();
     const std::size_t body = echoed ? command.size() : 0;
-    if (!reply.empty() && reply.back() == terminator
-        && reply.find(terminator, body) == reply.size() - 1) {
-        s.EmptyBuffer();
+    if (!reply.empty() && reply.back() == terminator && reply.find(terminator, body) == reply.size() - 1)
         return COM_OK;
-    }
     return COM_BAD_DATA;
 }
 
@@ -421,6 +450,12 @@ void CSerialCommDev::CommWatchThread(std::shared_ptr<Shared> shared)
     Shared& s = *shared;
     char chunk[CSerialCommDev::kBufferSize];
     while (s.connected == 1) {
+        {
+            // Stand aside while exchanges run, and until the port has rested.
+            std::unique_lock lock(s.mutex);
+            while (!s.closing && (s.busy || Clock::now() - s.lastExchange < kWatchRest))
+                s.watchEvent.wait_for(lock, kWatchRest);
+        }
         pollfd fds[2] = {{s.fd, POLLIN, 0}, {s.wakeRead, POLLIN, 0}};
         int ready = ::poll(fds, 2, -1);
         if (ready < 0) {
@@ -437,31 +472,15 @@ void CSerialCommDev::CommWatchThread(std::shared_ptr<Shared> shared)
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
             continue;
         }
-        bool replied = false;
-        {
-            // Read under the lock so a writer's purge and this read never
-            // interleave: bytes are either purged as stale or belong to the reply.
-            std::lock_guard lock(s.mutex);
-            ssize_t n = ::read(s.fd, chunk, sizeof chunk);
-            if (n <= 0)
-                continue;
-            CWireTrace::Bytes(s.path, CWireTrace::kFromDevice, chunk, static_cast<size_t>(n));
-            size_t room = CSerialCommDev::kBufferSize - std::min<size_t>(s.inputQueue.size(), CSerialCommDev::kBufferSize);
-            s.inputQueue.insert(s.inputQueue.end(), chunk, chunk + std::min<size_t>(static_cast<size_t>(n), room));
-            if (std::memchr(chunk, s.eventChar.load(), static_cast<size_t>(n)) != nullptr) {
-                // The event character arrived: hand over everything waiting,
-                // as the driver's queue would, at most one buffer's worth.
-                size_t take = std::min<size_t>(s.inputQueue.size(), CSerialCommDev::kBufferSize);
-                std::memcpy(s.buffer.get(), s.inputQueue.data(), take);
-                s.received = static_cast<std::uint32_t>(take);
-                s.inputQueue.erase(s.inputQueue.begin(), s.inputQueue.begin() + static_cast<long>(take));
-                s.replySet = true;
-                replied = true;
-            }
-        }
-        // Woken after the lock is free, the caller does not block on it again.
-        if (replied)
-            s.replyEvent.notify_one();
+        std::lock_guard lock(s.mutex);
+        if (s.busy)
+            continue; // the answer is the waiting caller's to read
+        ssize_t n = ::read(s.fd, chunk, sizeof chunk);
+        if (n <= 0)
+            continue;
+        CWireTrace::Bytes(s.path, CWireTrace::kFromDevice, chunk, static_cast<size_t>(n));
+        size_t room = CSerialCommDev::kBufferSize - std::min<size_t>(s.inputQueue.size(), CSerialCommDev::kBufferSize);
+        s.inputQueue.insert(s.inputQueue.end(), chunk, chunk + std::min<size_t>(static_cast<size_t>(n), room));
     }
     Trace::Printf("The thread %s has exited with code %d\n", "CommWatchThread", kWatchExitCode);
     std::lock_guard lock(s.exitMutex);

@@ -560,6 +560,12 @@ TEST_F(Rs232Test, DisconnectFromAnotherThreadEndsAWaitingCommand)
     EXPECT_EQ(e.m_nErrorCode, COM_READ_ERROR);
     EXPECT_EQ(m_Peer.Count("PX\r"), 1) << "no attempt after the close";
     EXPECT_EQ(OpenAsUnprivileged(m_Peer.Path()), 0) << "the port was given back";
+
+    // Idle, the watch thread waits in poll() on the port: closing releases it.
+    ASSERT_EQ(m_pLink->Connect(), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    std::string traced = Traced([&] { m_pLink->Disconnect(); });
+    EXPECT_NE(traced.find("The thread CommWatchThread has exited with code 13\n"), std::string::npos) << traced;
 }
 
 TEST(Rs232Vanished, DriveThatGoesAwayIsAWriteError)
