@@ -8,6 +8,7 @@
 #include "communication/communication.h"
 #include "communication/driveerrortable.h"
 #include "communication/waitnotice.h"
+#include "core/strformat.h"
 #include "core/trace.h"
 
 namespace tessitor {
@@ -27,12 +28,6 @@ void SetLastError(std::string text)
 }
 
 } // namespace
-
-std::string NetDeviceName(const std::string& host, std::uint16_t port)
-{
-    const bool v6 = host.find(':') != std::string::npos;
-    return (v6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
-}
 
 std::shared_ptr<CNetDevice> CNetDevice::Get(const std::string& address, std::uint16_t port)
 {
@@ -88,7 +83,21 @@ bool CNetDevice::Connect(std::uint32_t timeoutMs)
         return false;
     }
     ++m_nGeneration;
+    m_nLastRequest = 0;
     return true;
+}
+
+bool CNetDevice::Holds(const Drive& drive) const
+{
+    std::lock_guard lock(m_csDevice);
+    return drive.IsOpen() && drive.nGeneration == m_nGeneration && m_Socket.IsOpen();
+}
+
+std::uint32_t CNetDevice::NextRequestNumber()
+{
+    if (++m_nLastRequest == 0) // 0 is no request's number
+        m_nLastRequest = 1;
+    return m_nLastRequest;
 }
 
 void CNetDevice::Close()
@@ -106,12 +115,12 @@ CNetDevice::Outcome CNetDevice::Request(const Drive& drive, std::uint32_t functi
         return Outcome::kClosed;
     if (drive.nHandle != 0 && drive.nGeneration != m_nGeneration)
         return Outcome::kStale;
-    const std::string frame = NetBuildFrame(functionId, drive.nHandle, payload);
+    const std::string frame = NetBuildFrame(functionId, drive.nHandle, NextRequestNumber(), payload);
     CWaitNotice notice(what, m_sName + " " + drive.sName);
     const std::uint8_t* reply = nullptr;
     std::uint32_t length = 0;
     if (!m_Socket.Exchange(functionId, frame.data(), frame.size(), &reply, &length, timeoutMs))
-        return m_Socket.IsOpen() ? Outcome::kOtherRequest : Outcome::kClosed;
+        return m_Socket.IsOpen() ? Outcome::kOtherFunction : Outcome::kClosed;
     header = m_Socket.LastReplyHeader();
     replyPayload.assign(reinterpret_cast<const char*>(reply), length);
     return Outcome::kReply;
@@ -129,8 +138,9 @@ bool CNetDevice::Refused(Outcome outcome, std::uint32_t status, const std::strin
                       "The drive was opened on an earlier connection to the network device %s; connect it again.",
                       m_sName.c_str());
         break;
-    case Outcome::kOtherRequest:
-        std::snprintf(text, sizeof text, "The network device %s answered another request.", m_sName.c_str());
+    case Outcome::kOtherFunction:
+        std::snprintf(text, sizeof text, "The network device %s answered with another function ID.",
+                      m_sName.c_str());
         break;
     case Outcome::kReply:
         if (status == kNetStatusOk)
@@ -153,7 +163,7 @@ bool CNetDevice::ListDrives(std::vector<NetDriveEntry>& drives, std::uint32_t ti
         Refused(Outcome::kClosed, 0, {});
         return false;
     }
-    const std::string frame = NetBuildFrame(kNetFnListDrives, 0, {});
+    const std::string frame = NetBuildFrame(kNetFnListDrives, 0, NextRequestNumber(), {});
     CWaitNotice notice("the drive list", m_sName);
     m_Socket.SetBufferExchangeTimeout(CSocketCom::kReplyWaitFactor * timeoutMs);
     std::string buffer(kListBufferBytes, '\0');
@@ -166,7 +176,13 @@ bool CNetDevice::ListDrives(std::vector<NetDriveEntry>& drives, std::uint32_t ti
     std::uint32_t status = m_Socket.LastReplyHeader().nWord3;
     if (Refused(Outcome::kReply, status, buffer))
         return false;
-    auto parsed = NetParseDriveList(buffer);
+    std::uint32_t version = 0;
+    auto parsed = NetParseDriveList(buffer, &version);
+    if (parsed && version != kNetProtocolVersion) {
+        SetLastError(StrFormat("The network device speaks protocol version %u; this Tessitor speaks version %u.",
+                               version, kNetProtocolVersion));
+        return false;
+    }
     if (!parsed) {
         SetLastError("The network device sent a malformed drive list.");
         return false;
@@ -186,7 +202,7 @@ CNetDevice::Drive CNetDevice::OpenDrive(const std::string& name, std::uint32_t t
         SetLastError("The drive name is too long: " + name);
         return {};
     }
-    const std::string frame = NetBuildFrame(kNetFnOpenDrive, 0, name);
+    const std::string frame = NetBuildFrame(kNetFnOpenDrive, 0, NextRequestNumber(), name);
     CWaitNotice notice("opening " + name, m_sName);
     m_Socket.SetBufferExchangeTimeout(CSocketCom::kReplyWaitFactor * timeoutMs);
     char buffer[kNetMaxNameBytes + 64];
@@ -256,7 +272,7 @@ int CNetDevice::SendRaw(const Drive& drive, const std::string& wire, char termin
     std::string payload;
     Outcome outcome = Request(drive, kNetFnRawReply, wire, NetRawPayload(timeoutMs, terminator, wire), timeoutMs,
                               header, payload);
-    if (outcome == Outcome::kOtherRequest) {
+    if (outcome == Outcome::kOtherFunction) {
         Refused(outcome, 0, {});
         return COM_OK;
     }

@@ -25,9 +25,6 @@
 
 namespace tessitor {
 
-/// "host:port" as users write it, IPv6 addresses in brackets ("[::1]:47150").
-std::string NetDeviceName(const std::string& host, std::uint16_t port);
-
 class CNetDevice {
 public:
     /// A drive opened on the device; valid only on the connection that
@@ -62,6 +59,8 @@ public:
     const std::string& Name() const { return m_sName; }
     std::uint16_t Port() const { return m_wPort; }
     bool IsUp() const;
+    /// True when drive was opened on the connection that is up now.
+    bool Holds(const Drive& drive) const;
     /// Makes the connection unless it is up, within timeoutMs; false
     /// (LastError set) when it cannot be made.
     bool Connect(std::uint32_t timeoutMs);
@@ -85,7 +84,7 @@ public:
     int SendCommand(const Drive& drive, const std::string& command, std::string& value, std::uint32_t timeoutMs);
     /// Sends wire to the drive as it stands and returns a coded result: 0
     /// with the drive's bytes up to the terminator in reply (empty when the
-    /// device's answer belonged to another request), 1..12 as the device
+    /// device answered with another function ID), 1..12 as the device
     /// reports them, -1 when the request could not be made or the device
     /// refused it (LastError).
     int SendRaw(const Drive& drive, const std::string& wire, char terminator, std::uint32_t timeoutMs,
@@ -96,7 +95,8 @@ public:
                std::uint32_t timeoutMs, std::string& data);
 
 private:
-    enum class Outcome { kReply, kOtherRequest, kClosed, kStale };
+    enum class Outcome { kReply, kOtherFunction, kClosed, kStale };
+    std::uint32_t NextRequestNumber();
     // what names the request for the front end's wait notice.
     Outcome Request(const Drive& drive, std::uint32_t functionId, const std::string& what, const std::string& payload,
                     std::uint32_t timeoutMs, NetFrameHeader& header, std::string& replyPayload);
@@ -109,6 +109,7 @@ private:
     mutable std::mutex m_csDevice; // one request and the copy of its reply
     CSocketCom m_Socket;
     std::uint64_t m_nGeneration = 0;
+    std::uint32_t m_nLastRequest = 0; // request numbers count up per connection
 };
 
 } // namespace tessitor

@@ -37,11 +37,20 @@ NetFrameHeader NetDecodeHeader(const void* p)
     return {NetGetU32(b), NetGetU32(b + 4), NetGetU32(b + 8)};
 }
 
-std::string NetBuildFrame(std::uint32_t functionId, std::uint32_t word3, const std::string& payload)
+std::string NetBuildFrame(std::uint32_t functionId, std::uint32_t word3, std::uint32_t number,
+                          const std::string& body)
 {
-    std::string frame = NetEncodeHeader({static_cast<std::uint32_t>(payload.size()), functionId, word3});
-    frame += payload;
+    std::string frame =
+        NetEncodeHeader({static_cast<std::uint32_t>(kNetNumberBytes + body.size()), functionId, word3});
+    NetPutU32(frame, number);
+    frame += body;
     return frame;
+}
+
+std::string NetDeviceName(const std::string& host, std::uint16_t port)
+{
+    const bool v6 = host.find(':') != std::string::npos;
+    return (v6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
 }
 
 std::string NetCommandPayload(std::uint32_t timeoutMs, const std::string& command)

@@ -1,5 +1,6 @@
 // The network device protocol: frames of a 12-byte header (payload length,
-// function ID, a third word) and a payload, little endian, and this
+// function ID, a third word) and a payload, little endian, that opens with
+// the number of the request (a reply carries its request's), and this
 // project's requests for the drives behind a device. Building and parsing
 // only, no I/O, so tests and the virtual device can hand it bytes.
 // docs/network-device-protocol.md is the reference for device makers.
@@ -17,9 +18,12 @@ namespace tessitor {
 /// "Port") or the command line name another.
 constexpr std::uint16_t kDefaultTcpPort = 47150;
 /// Protocol version a device reports in its drive list.
-constexpr std::uint32_t kNetProtocolVersion = 1;
+constexpr std::uint32_t kNetProtocolVersion = 2;
 /// Size of a frame header in bytes.
 constexpr std::size_t kNetHeaderBytes = 12;
+/// Size of the request number that opens every payload, in bytes; the
+/// header's length counts it.
+constexpr std::size_t kNetNumberBytes = 4;
 /// The largest payload either side accepts; a peer announcing more is cut
 /// off before anything is allocated.
 constexpr std::uint32_t kNetMaxPayloadBytes = 1u << 20;
@@ -74,8 +78,12 @@ std::uint32_t NetGetU32(const void* p);
 std::string NetEncodeHeader(const NetFrameHeader& header);
 /// The header in the first kNetHeaderBytes bytes at p.
 NetFrameHeader NetDecodeHeader(const void* p);
-/// Header and payload as one frame; the length is the payload's size.
-std::string NetBuildFrame(std::uint32_t functionId, std::uint32_t word3, const std::string& payload);
+/// Header, request number and body as one frame; the length counts the
+/// number and the body.
+std::string NetBuildFrame(std::uint32_t functionId, std::uint32_t word3, std::uint32_t number,
+                          const std::string& body);
+/// "host:port" as users write it, IPv6 addresses in brackets ("[::1]:47150").
+std::string NetDeviceName(const std::string& host, std::uint16_t port);
 
 /// Request payloads.
 std::string NetCommandPayload(std::uint32_t timeoutMs, const std::string& command);

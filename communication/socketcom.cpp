@@ -15,6 +15,8 @@
 #include <cstring>
 
 #include "communication/communication.h"
+#include "communication/wiretrace.h"
+#include "core/strformat.h"
 #include "core/trace.h"
 
 namespace tessitor {
@@ -119,6 +121,8 @@ int CSocketCom::Open(const std::string& host, std::uint16_t port, std::uint32_t 
     ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     ::setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
     Attach(fd);
+    std::lock_guard lock(m_csSocket);
+    m_sPeer = NetDeviceName(host, port);
     return 0;
 }
 
@@ -208,6 +212,7 @@ bool CSocketCom::SendAll(const void* data, std::size_t length, std::int64_t dead
     while (sent < length) {
         ssize_t n = m_Calls.pSend(m_hSocket, p + sent, length - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (n > 0) {
+            CWireTrace::Bytes(m_sPeer, CWireTrace::kToDevice, p + sent, static_cast<std::size_t>(n));
             sent += static_cast<std::size_t>(n);
         } else if (n < 0 && errno == EINTR) {
             continue;
@@ -222,24 +227,83 @@ bool CSocketCom::SendAll(const void* data, std::size_t length, std::int64_t dead
     return true;
 }
 
-std::size_t CSocketCom::RecvFull(void* data, std::size_t length, std::int64_t deadlineMs)
+std::size_t CSocketCom::RecvFull(void* data, std::size_t length, std::int64_t deadlineMs, RecvEnd* end)
 {
     auto* p = static_cast<char*>(data);
     std::size_t got = 0;
+    *end = RecvEnd::kDone;
     while (got < length) {
-        if (WaitFor(POLLIN, deadlineMs) != Wait::kReady)
+        Wait wait = WaitFor(POLLIN, deadlineMs);
+        if (wait != Wait::kReady) {
+            *end = wait == Wait::kExpired ? RecvEnd::kExpired : RecvEnd::kClosed;
             return got;
+        }
         ssize_t n = m_Calls.pRecv(m_hSocket, p + got, length - got, MSG_DONTWAIT);
         if (n > 0) {
             got += static_cast<std::size_t>(n);
+            CWireTrace::Bytes(m_sPeer, CWireTrace::kFromDevice, p + got - n, static_cast<std::size_t>(n));
         } else if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK)) {
             continue;
         } else {
             Trace::Printf("CSocketCom: recv: %s\n", n < 0 ? std::strerror(errno) : "closed by the peer");
+            *end = RecvEnd::kClosed;
             return got;
         }
     }
     return got;
+}
+
+std::string CSocketCom::CutText(const char* part, std::size_t got, std::size_t expected, RecvEnd end,
+                                std::int64_t waitedMs)
+{
+    if (end == RecvEnd::kClosed)
+        return StrFormat("TCP/IP Fault. The network device closed the connection after %zu of the %zu %s bytes.",
+                         got, expected, part);
+    return StrFormat("TCP/IP Fault. Only %zu of the %zu %s bytes came within %lld ms.", got, expected, part,
+                     static_cast<long long>(waitedMs));
+}
+
+void CSocketCom::SkipToReply(std::uint32_t number, std::int64_t startMs, std::int64_t deadlineMs, bool buffered)
+{
+    const std::int64_t waited = deadlineMs - startMs;
+    for (;;) {
+        std::uint8_t header[kNetHeaderBytes];
+        RecvEnd end;
+        std::size_t got = RecvFull(header, sizeof header, deadlineMs, &end);
+        if (got != sizeof header) {
+            if (!buffered)
+                Fail(got == 0 && end == RecvEnd::kExpired ? kTextTimeout : kTextHeaderDropped);
+            if (got == 0)
+                Fail(end == RecvEnd::kExpired
+                         ? StrFormat("TCP/IP Fault. No answer within %lld ms.", static_cast<long long>(waited))
+                         : std::string("TCP/IP Fault. The network device closed the connection."));
+            Fail(CutText("header", got, sizeof header, end, waited));
+        }
+        m_LastReply = NetDecodeHeader(header);
+        const std::uint32_t n = m_LastReply.nLength;
+        if (n > kNetMaxPayloadBytes)
+            Fail(TooLongText(n));
+        // The request number opens the payload; a frame too short to hold
+        // one answers no request.
+        std::uint8_t numberBytes[kNetNumberBytes];
+        const std::size_t take = std::min<std::size_t>(n, sizeof numberBytes);
+        got = RecvFull(numberBytes, take, deadlineMs, &end);
+        if (got == take && take == sizeof numberBytes && NetGetU32(numberBytes) == number) {
+            m_nBodyLength = n - kNetNumberBytes;
+            return;
+        }
+        if (got == take) {
+            m_arReply.resize(n - take);
+            got += RecvFull(m_arReply.data(), n - take, deadlineMs, &end);
+        }
+        if (got != n)
+            Fail(buffered ? CutText("payload", got, n, end, waited) : std::string(kTextPayloadDropped));
+        // A late answer to an earlier request, or one nobody asked for: never
+        // this request's.
+        Trace::Printf("CSocketCom: discarded a frame (function %u, %u bytes, request %u) while waiting for request "
+                      "%u\n",
+                      m_LastReply.nFunctionId, n, take == sizeof numberBytes ? NetGetU32(numberBytes) : 0u, number);
+    }
 }
 
 bool CSocketCom::Exchange(std::uint32_t functionId, const void* request, std::size_t requestLength,
@@ -250,29 +314,26 @@ bool CSocketCom::Exchange(std::uint32_t functionId, const void* request, std::si
     *replyLength = 0;
     if (m_hSocket < 0)
         return false;
+    if (requestLength < kNetHeaderBytes + kNetNumberBytes)
+        Fail(kTextFault);
 
-    const std::int64_t wait = CSocketCom::kReplyWaitFactor * static_cast<std::int64_t>(timeoutMs);
-    if (!SendAll(request, requestLength, NowMs() + wait))
+    // The whole request, sending included, within five times its time-out:
+    // the device itself waits up to the time-out for its drive.
+    const std::int64_t start = NowMs();
+    const std::int64_t deadline = start + CSocketCom::kReplyWaitFactor * static_cast<std::int64_t>(timeoutMs);
+    if (!SendAll(request, requestLength, deadline))
         Fail(kTextSendDropped);
-    if (WaitFor(POLLIN, NowMs() + wait) != Wait::kReady)
-        Fail(kTextTimeout);
+    SkipToReply(NetGetU32(static_cast<const std::uint8_t*>(request) + kNetHeaderBytes), start, deadline, false);
 
-    // Once the reply has begun, the rest of it gets the same allowance again.
-    std::uint8_t header[kNetHeaderBytes];
-    if (RecvFull(header, sizeof header, NowMs() + wait) != sizeof header)
-        Fail(kTextHeaderDropped);
-    m_LastReply = NetDecodeHeader(header);
-    const std::uint32_t n = m_LastReply.nLength;
-    if (n > kNetMaxPayloadBytes)
-        Fail(TooLongText(n));
-
+    const std::uint32_t n = m_nBodyLength;
     if (n != 0) {
         // The capacity is a 16-bit count, as the system has always kept it; a
         // reply above 65535 bytes wraps it. The buffer itself always gets n.
         if (n > m_wCapacity)
             m_wCapacity = static_cast<std::uint16_t>(n);
         m_arReply.assign(n, 0);
-        if (RecvFull(m_arReply.data(), n, NowMs() + wait) != n)
+        RecvEnd end;
+        if (RecvFull(m_arReply.data(), n, deadline, &end) != n)
             Fail(kTextPayloadDropped);
     }
 
@@ -290,20 +351,17 @@ std::int32_t CSocketCom::Exchange(const void* request, std::size_t requestLength
                                   std::size_t bufferSize)
 {
     std::lock_guard lock(m_csSocket);
-    if (m_hSocket < 0 || requestLength < kNetHeaderBytes)
+    if (m_hSocket < 0 || requestLength < kNetHeaderBytes + kNetNumberBytes)
         Fail(kTextFault);
-    const std::uint32_t functionId = NetGetU32(static_cast<const std::uint8_t*>(request) + 4);
-    const std::int64_t wait = m_nBufferTimeoutMs;
+    const auto* bytes = static_cast<const std::uint8_t*>(request);
+    const std::uint32_t functionId = NetGetU32(bytes + 4);
+    const std::int64_t start = NowMs();
+    const std::int64_t deadline = start + m_nBufferTimeoutMs;
 
-    if (!SendAll(request, requestLength, NowMs() + wait))
-        Fail(kTextFault);
-    std::uint8_t header[kNetHeaderBytes];
-    if (RecvFull(header, sizeof header, NowMs() + wait) != sizeof header)
-        Fail(kTextFault);
-    m_LastReply = NetDecodeHeader(header);
-    const std::uint32_t n = m_LastReply.nLength;
-    if (n > kNetMaxPayloadBytes)
-        Fail(TooLongText(n));
+    if (!SendAll(request, requestLength, deadline))
+        Fail("TCP/IP Fault. The request could not be sent whole.");
+    SkipToReply(NetGetU32(bytes + kNetHeaderBytes), start, deadline, true);
+    const std::uint32_t n = m_nBodyLength;
 
     if (n > bufferSize) {
         // Read the reply away so that the next exchange starts on a frame.
@@ -311,13 +369,15 @@ std::int32_t CSocketCom::Exchange(const void* request, std::size_t requestLength
         std::uint32_t left = n;
         while (left > 0) {
             std::size_t size = std::min<std::size_t>(left, sizeof piece);
-            if (WaitFor(POLLIN, NowMs() + wait) != Wait::kReady)
-                Fail(kTextFault);
-            ssize_t got = m_Calls.pRecv(m_hSocket, piece, size, MSG_DONTWAIT);
+            RecvEnd end = RecvEnd::kDone;
+            if (WaitFor(POLLIN, deadline) != Wait::kReady)
+                end = RecvEnd::kExpired;
+            ssize_t got = end == RecvEnd::kDone ? m_Calls.pRecv(m_hSocket, piece, size, MSG_DONTWAIT) : 0;
             if (got < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK))
                 continue;
             if (got <= 0)
-                Fail(kTextFault);
+                Fail(CutText("payload", n - left, n, end == RecvEnd::kDone ? RecvEnd::kClosed : end,
+                             deadline - start));
             left -= static_cast<std::uint32_t>(got);
         }
         return E_OUTOFMEMORY;
@@ -330,14 +390,16 @@ std::int32_t CSocketCom::Exchange(const void* request, std::size_t requestLength
     std::vector<char> scratch(n);
     std::uint32_t got = 0;
     while (got < n) {
-        if (WaitFor(POLLIN, NowMs() + wait) != Wait::kReady)
-            Fail(kTextFault);
-        ssize_t part = m_Calls.pRecv(m_hSocket, scratch.data(), n, MSG_DONTWAIT);
+        RecvEnd end = RecvEnd::kDone;
+        if (WaitFor(POLLIN, deadline) != Wait::kReady)
+            end = RecvEnd::kExpired;
+        ssize_t part = end == RecvEnd::kDone ? m_Calls.pRecv(m_hSocket, scratch.data(), n, MSG_DONTWAIT) : 0;
         if (part < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK))
             continue;
         if (part <= 0)
-            Fail(kTextFault);
+            Fail(CutText("payload", got, n, end == RecvEnd::kDone ? RecvEnd::kClosed : end, deadline - start));
         std::uint32_t take = std::min<std::uint32_t>(static_cast<std::uint32_t>(part), n - got);
+        CWireTrace::Bytes(m_sPeer, CWireTrace::kFromDevice, scratch.data(), take);
         std::memcpy(static_cast<char*>(buffer) + got, scratch.data(), take);
         got += take;
     }

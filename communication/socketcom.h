@@ -1,13 +1,15 @@
 // One TCP socket to a network device, carrying request and reply frames
-// (netprotocol.h) one pair at a time under a lock. Every socket failure is
+// (netprotocol.h) one pair at a time under a lock. A reply is matched to
+// its request by the request number that opens both payloads: frames that
+// answer another request (late, or unasked) are read away and traced, and
+// the wait goes on within the same deadline. Every socket failure is
 // thrown as CCommunication::CExceptionComm with error source 10 and the
 // system's own text. A failure that leaves the stream between two frame
-// boundaries closes the socket, so a late or half reply can never be read
-// as the answer to a later request.
+// boundaries closes the socket.
 //
 //   CSocketCom socket;
 //   if (int err = socket.Open("192.168.0.20", kDefaultTcpPort, 5000)) ... errno
-//   std::string frame = NetBuildFrame(kNetFnCommand, handle, NetCommandPayload(1000, "PX"));
+//   std::string frame = NetBuildFrame(kNetFnCommand, handle, ++number, NetCommandPayload(1000, "PX"));
 //   const std::uint8_t* reply = nullptr; std::uint32_t length = 0;
 //   socket.Exchange(kNetFnCommand, frame.data(), frame.size(), &reply, &length, 1000);
 #pragma once
@@ -84,37 +86,48 @@ public:
     void Close();
     bool IsOpen() const;
 
-    /// Sends a whole request frame and waits up to 5 x timeoutMs for the
-    /// first reply byte. When the reply's function ID equals functionId,
-    /// *reply points to its payload in this object's buffer (valid until
-    /// the next exchange; callers sharing the object hold their own lock
-    /// across exchange and copy) and *replyLength is its length; otherwise
-    /// both are null/0. Returns true when the reply was handed out. Does
-    /// nothing (and returns false) while the socket is closed.
+    /// Sends a whole request frame (its request number read from its
+    /// payload) and receives the reply to it, all within 5 x timeoutMs.
+    /// When the reply's function ID equals functionId, *reply points to its
+    /// payload after the request number in this object's buffer (valid
+    /// until the next exchange; callers sharing the object hold their own
+    /// lock across exchange and copy) and *replyLength is its length;
+    /// otherwise both are null/0. Returns true when the reply was handed
+    /// out. Does nothing (and returns false) while the socket is closed.
     bool Exchange(std::uint32_t functionId, const void* request, std::size_t requestLength,
                   const std::uint8_t** reply, std::uint32_t* replyLength, std::uint32_t timeoutMs);
-    /// Sends a whole request frame (its function ID read from its header)
-    /// and receives the payload into buffer. Returns the payload length, or
+    /// Sends a whole request frame (its function ID read from its header,
+    /// its request number from its payload) and receives the reply's
+    /// payload after the request number into buffer, all within the time
+    /// SetBufferExchangeTimeout gave. Returns the payload length, or
     /// E_OUTOFMEMORY when it was larger than bufferSize and was drained.
-    /// Throws "TCP/IP Fault." on socket failures and "TCP/IP Communication
-    /// broken. Not same function ID." on a reply to another request.
+    /// Throws "TCP/IP Fault." with what went wrong on socket failures and
+    /// "TCP/IP Communication broken. Not same function ID." on a reply with
+    /// another function ID.
     std::int32_t Exchange(const void* request, std::size_t requestLength, void* buffer, std::size_t bufferSize);
 
     /// Header of the last reply received (its third word is the status).
     NetFrameHeader LastReplyHeader() const;
     /// The reply buffer's capacity: the largest reply seen, kept in 16 bits.
     std::uint16_t Capacity() const;
-    /// How long the buffer exchange waits for each part of a reply, in ms.
+    /// How long a whole buffer exchange may take, in ms.
     void SetBufferExchangeTimeout(std::uint32_t timeoutMs);
     /// Replaces the system calls (tests); kSystem restores them.
     void SetSyscalls(const Syscalls& calls);
 
 private:
     enum class Wait { kReady, kExpired, kFailed };
+    enum class RecvEnd { kDone, kExpired, kClosed };
 
     Wait WaitFor(short events, std::int64_t deadlineMs);
     bool SendAll(const void* data, std::size_t length, std::int64_t deadlineMs);
-    std::size_t RecvFull(void* data, std::size_t length, std::int64_t deadlineMs);
+    std::size_t RecvFull(void* data, std::size_t length, std::int64_t deadlineMs, RecvEnd* end);
+    // Reads frames until one answers request number, leaving its body (the
+    // payload after the number, m_nBodyLength bytes) unread; buffered picks
+    // the buffer exchange's failure texts.
+    void SkipToReply(std::uint32_t number, std::int64_t startMs, std::int64_t deadlineMs, bool buffered);
+    static std::string CutText(const char* part, std::size_t got, std::size_t expected, RecvEnd end,
+                               std::int64_t waitedMs);
     [[noreturn]] void Fail(const std::string& text);
     void CloseLocked();
 
@@ -125,7 +138,9 @@ private:
     std::uint16_t m_wCapacity = 0;
     NetFrameHeader m_LastReply;
     std::uint32_t m_nBufferTimeoutMs = 10000;
+    std::uint32_t m_nBodyLength = 0;
     std::string m_sOpenError;
+    std::string m_sPeer = "socket"; // "host:port", for the wire trace
 };
 
 } // namespace tessitor

@@ -109,20 +109,26 @@ int CTCP::Connect()
         Release();
         return result;
     };
+    // Which request failed, so that its failure keeps its own words.
+    std::string request = "Connecting to";
     try {
         if (!m_pDevice->IsUp() && !m_pDevice->Connect(CSocketCom::kReplyWaitFactor * m_nConnectTimeoutMs))
             return fail(kConnectNoDevice, CNetDevice::LastError());
+        request = "Listing the drives of";
         std::vector<NetDriveEntry> drives;
         if (!m_pDevice->ListDrives(drives, m_nConnectTimeoutMs))
-            return fail(kConnectNoDrive, CNetDevice::LastError());
+            return fail(kConnectNoDrive, request + " the network device " + m_pDevice->Name()
+                                             + " failed: " + CNetDevice::LastError());
         std::string offered;
         for (const NetDriveEntry& drive : drives) {
             offered += (offered.empty() ? "" : ", ") + drive.sName;
             if (drive.sName != target)
                 continue;
+            request = "Opening \"" + target + "\" on";
             m_Drive = m_pDevice->OpenDrive(drive.sName, m_nConnectTimeoutMs);
             if (!m_Drive.IsOpen())
-                return fail(kConnectNoDrive, CNetDevice::LastError());
+                return fail(kConnectNoDrive, request + " the network device " + m_pDevice->Name()
+                                                 + " failed: " + CNetDevice::LastError());
             m_cTerminator = ';';
             SetLinkBroken(false);
             SetConnected(true);
@@ -133,8 +139,32 @@ int CTCP::Connect()
                                          + "\"; it offers: " + (offered.empty() ? "no drive at all" : offered) + ".");
     } catch (CExceptionComm& e) {
         Trace::Printf("CTCP::Connect: %s\n", e.what());
-        return fail(kConnectNoDevice, "The network device " + m_pDevice->Name() + ": " + e.FillMessage());
+        return fail(kConnectNoDevice,
+                    request + " the network device " + m_pDevice->Name() + " failed: " + e.FillMessage());
     }
+}
+
+void CTCP::Reattach()
+{
+    if (m_pDevice->Holds(m_Drive))
+        return;
+    // A socket failure closed the shared connection (the command that met
+    // it has already reported it), or another link has opened it again:
+    // this drive's handle is void. Open both again before giving up.
+    Trace::Printf("CTCP: opening \"%s\" on %s again\n", TargetName().c_str(), m_pDevice->Name().c_str());
+    if (!m_pDevice->IsUp() && !m_pDevice->Connect(CSocketCom::kReplyWaitFactor * m_nConnectTimeoutMs))
+        throw CExceptionComm(-1, this, kErrSrcTcpLink, CNetDevice::LastError());
+    CNetDevice::Drive drive = m_pDevice->OpenDrive(TargetName(), m_nConnectTimeoutMs);
+    if (!drive.IsOpen())
+        throw CExceptionComm(-1, this, kErrSrcTcpLink, CNetDevice::LastError());
+    m_Drive = drive;
+}
+
+void CTCP::CheckReplySize(const std::string& command, std::size_t valueBytes)
+{
+    // What the serial line would have carried: echo, CR, value, terminator.
+    if (command.size() + valueBytes + 2 >= kMaxCommandBytes)
+        throw CExceptionComm(COM_BUFFER_TOO_BIG, this, kErrSrcTcpLink);
 }
 
 void CTCP::Disconnect()
@@ -160,11 +190,13 @@ int CTCP::SendCommandGetValue(const std::string& command, std::string& value, st
 
     std::string result;
     try {
+        Reattach();
         if (m_pDevice->SendCommand(m_Drive, command, result, timeoutMs) == 1)
             throw CExceptionComm(-1, this, kErrSrcTcpLink, CNetDevice::LastError());
     } catch (CExceptionComm& e) {
         Rethrow(e);
     }
+    CheckReplySize(command, result.size());
     value = std::move(result);
     return 0;
 }
@@ -182,11 +214,13 @@ void CTCP::ReadRecordChunk(std::uint32_t mask, std::uint32_t first, std::uint32_
     if (!IsConnected() || !m_pDevice)
         throw CExceptionComm(3, this, kErrSrcSetup);
     try {
+        Reattach();
         if (m_pDevice->Upload(m_Drive, mask, first, last, EffectiveTimeout("BH", 0), chunk) == 1)
             throw CExceptionComm(-1, this, kErrSrcTcpLink, CNetDevice::LastError());
     } catch (CExceptionComm& e) {
         Rethrow(e);
     }
+    CheckReplySize("BH=" + std::to_string(mask), chunk.size());
 }
 
 int CTCP::Exchange(const std::string& command, std::string& reply, std::uint32_t timeoutMs, std::int32_t checkEcho)
@@ -196,6 +230,7 @@ int CTCP::Exchange(const std::string& command, std::string& reply, std::uint32_t
         return COM_DEVICE_NULL;
     int result = COM_OK;
     try {
+        Reattach();
         result = m_pDevice->SendRaw(m_Drive, command, m_cTerminator, timeoutMs, reply);
         // A closed connection or a refused request has its own text, better
         // than any coded result.

@@ -55,10 +55,13 @@ public:
     /// Gives the drive back, tells the listeners, lets go of the connection.
     void Disconnect() override;
     /// The device's command request: 0 with value; -1 while the link is
-    /// broken; a failure throws code -1, source 11, the device's text.
+    /// broken; a failure throws code -1, source 11, the device's text; a
+    /// value the serial line could not carry in 8192 bytes throws code 5.
+    /// After a socket failure the connection and the drive are opened
+    /// again first (as for every request of this link).
     int SendCommandGetValue(const std::string& command, std::string& value, std::uint32_t timeoutMs) override;
     /// The raw transaction; 0 with the whole reply, -2 when it came back
-    /// empty (the device's answer belonged to another request).
+    /// empty (the device answered with another function ID).
     int SendCommandGetReply(const std::string& command, std::string& reply, std::uint32_t timeoutMs) override;
     /// "host:port target", the host as given or the descriptor's address.
     std::string DeviceName() const override;
@@ -84,6 +87,10 @@ protected:
 
 private:
     void Release();
+    // Opens the connection and the drive again when a failure closed them.
+    void Reattach();
+    // The reply limit of every transport, applied to a value of valueBytes.
+    void CheckReplySize(const std::string& command, std::size_t valueBytes);
     [[noreturn]] void Rethrow(CExceptionComm& e);
 
     const std::uint16_t m_wPort;

@@ -1,6 +1,7 @@
 // Fuzzes what a network device sends back: the drive list parser, and both
 // socket exchanges reading hostile reply bytes from a socket pair (cut
-// headers, huge announced lengths, other function IDs, trailing bytes).
+// headers, huge announced lengths, other function IDs and request numbers,
+// trailing bytes).
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -28,7 +29,7 @@ void Exchange(const std::string& bytes, bool timed)
     tessitor::CSocketCom socket;
     socket.Attach(pair[0]);
     socket.SetBufferExchangeTimeout(5);
-    const std::string request = tessitor::NetBuildFrame(tessitor::kNetFnCommand, 1, "PX");
+    const std::string request = tessitor::NetBuildFrame(tessitor::kNetFnCommand, 1, 1, "PX");
     try {
         if (timed) {
             const std::uint8_t* reply = nullptr;

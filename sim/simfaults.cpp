@@ -22,6 +22,7 @@ constexpr KindName kKinds[] = {
     {"wrong-function-id", FaultKind::kWrongFunctionId},
     {"half-header", FaultKind::kHalfHeader},
     {"drop-connection", FaultKind::kDropConnection},
+    {"unasked-frame", FaultKind::kUnaskedFrame},
     {"abort", FaultKind::kAbort},
     {"toggle", FaultKind::kToggle},
     {"busy", FaultKind::kBusy},
@@ -107,7 +108,7 @@ FaultRule CSimFaults::Parse(const std::string& text)
     if (!known)
         Bad(text, "unknown kind \"" + fields[0]
                       + "\" (drop, delay, wrong-echo, cut, garbage, error, wrong-function-id, half-header, drop-connection,"
-                      " abort, toggle, busy)");
+                      " unasked-frame, abort, toggle, busy)");
     if (fields.size() > 1 && fields.back() == "once") {
         rule.bOnce = true;
         fields.pop_back();

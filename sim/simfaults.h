@@ -23,6 +23,7 @@ enum class FaultKind {
     kWrongFunctionId, ///< answer with another function ID
     kHalfHeader,      ///< send half a header and stop
     kDropConnection,  ///< close the connection in the middle of the reply
+    kUnaskedFrame,    ///< send an answer to the previous request before the reply
     // Faults of the CAN face.
     kAbort,           ///< answer an SDO request with abort code nAbortCode
     kToggle,          ///< a segmented transfer repeats the toggle bit of its first segment

@@ -35,7 +35,8 @@ namespace {
 constexpr std::size_t kHeaderBytes = 12;
 constexpr std::uint32_t kNetMaxPayloadBytes = 1u << 20;
 constexpr std::size_t kNetMaxNameBytes = 127;
-constexpr std::uint32_t kNetProtocolVersion = 1;
+constexpr std::uint32_t kNetProtocolVersion = 2;
+constexpr std::uint32_t kNumberBytes = 4; // the request number opening every payload
 enum : std::uint32_t {
     kNetFnListDrives = 1,
     kNetFnOpenDrive = 2,
@@ -79,13 +80,15 @@ std::uint32_t GetU32(const std::string& in, std::size_t at)
     return v;
 }
 
-std::string Frame(std::uint32_t length, std::uint32_t functionId, std::uint32_t status)
+// A reply frame: header, then the number of the request it answers, then body.
+std::string Frame(std::uint32_t functionId, std::uint32_t status, std::uint32_t number, const std::string& body)
 {
-    std::string header;
-    PutU32(header, length);
-    PutU32(header, functionId);
-    PutU32(header, status);
-    return header;
+    std::string frame;
+    PutU32(frame, static_cast<std::uint32_t>(kNumberBytes + body.size()));
+    PutU32(frame, functionId);
+    PutU32(frame, status);
+    PutU32(frame, number);
+    return frame + body;
 }
 
 std::uint32_t DriveKind(const std::string& name)
@@ -253,7 +256,7 @@ struct CSimTcpServer::Impl {
     static bool IsFrameFault(FaultKind kind)
     {
         return kind == FaultKind::kWrongFunctionId || kind == FaultKind::kHalfHeader
-            || kind == FaultKind::kDropConnection;
+            || kind == FaultKind::kDropConnection || kind == FaultKind::kUnaskedFrame;
     }
 
     // One command, its value or its refusal.
@@ -399,25 +402,29 @@ struct CSimTcpServer::Impl {
     }
 
     // False when the connection is to end here.
-    bool Send(int fd, std::uint32_t functionId, const Answer& answer)
+    bool Send(int fd, std::uint32_t functionId, std::uint32_t number, const Answer& answer)
     {
-        const auto length = static_cast<std::uint32_t>(answer.sPayload.size());
+        const std::string frame = Frame(functionId, answer.nStatus, number, answer.sPayload);
         switch (answer.eFrameFault) {
         case FaultKind::kWrongFunctionId:
-            return WriteAll(fd, Frame(length, functionId + kWrongFunctionOffset, answer.nStatus) + answer.sPayload);
+            return WriteAll(fd, Frame(functionId + kWrongFunctionOffset, answer.nStatus, number, answer.sPayload));
+        case FaultKind::kUnaskedFrame:
+            // An answer to the request before this one, as a device that
+            // answered twice or late would send, then the real one.
+            return WriteAll(fd, Frame(functionId, kNetStatusOk, number - 1, "unasked") + frame);
         case FaultKind::kHalfHeader: {
             // Half a header, then silence until the client gives up.
-            WriteAll(fd, Frame(length, functionId, answer.nStatus).substr(0, kHeaderBytes / 2));
+            WriteAll(fd, frame.substr(0, kHeaderBytes / 2));
             std::string sink;
             while (ReadExactly(fd, sink, 1, After(limits.nIdleTimeoutMs)))
                 sink.clear();
             return false;
         }
         case FaultKind::kDropConnection:
-            WriteAll(fd, Frame(length, functionId, answer.nStatus) + answer.sPayload.substr(0, length / 2));
+            WriteAll(fd, frame.substr(0, kHeaderBytes + (frame.size() - kHeaderBytes) / 2));
             return false;
         default:
-            return WriteAll(fd, Frame(length, functionId, answer.nStatus) + answer.sPayload);
+            return WriteAll(fd, frame);
         }
     }
 
@@ -431,7 +438,14 @@ struct CSimTcpServer::Impl {
             while (ReadRequest(client.fd, header, payload)) {
                 std::uint32_t functionId = GetU32(header, 4);
                 std::uint32_t word3 = GetU32(header, 8);
-                if (!Send(client.fd, functionId, Handle(functionId, word3, payload, handles)))
+                // A request without its number can be answered, but by no
+                // reply the client will take as its own.
+                const bool numbered = payload.size() >= kNumberBytes;
+                const std::uint32_t number = numbered ? GetU32(payload, 0) : 0;
+                payload.erase(0, numbered ? kNumberBytes : payload.size());
+                Answer answer = numbered ? Handle(functionId, word3, payload, handles)
+                                         : Answer{kNetStatusBadRequest, "a request begins with its number"};
+                if (!Send(client.fd, functionId, number, answer))
                     break;
                 if (payload.capacity() > kKeptPayloadBytes)
                     std::string().swap(payload);

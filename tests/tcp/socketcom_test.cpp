@@ -18,10 +18,12 @@ namespace {
 
 using test::Thrown;
 
+std::uint32_t g_nRequest = 0; // request numbers, as a client counts them
+
 // The timed exchange: the payload handed out, nullopt when none was.
 std::optional<std::string> Timed(CSocketCom& socket, const std::string& request, std::uint32_t timeoutMs = 2000)
 {
-    std::string frame = NetBuildFrame(kNetFnCommand, 0, NetCommandPayload(timeoutMs, request));
+    std::string frame = NetBuildFrame(kNetFnCommand, 0, ++g_nRequest, NetCommandPayload(timeoutMs, request));
     const std::uint8_t* data = nullptr;
     std::uint32_t length = 0;
     bool handed = socket.Exchange(kNetFnCommand, frame.data(), frame.size(), &data, &length, timeoutMs);
@@ -33,7 +35,7 @@ std::optional<std::string> Timed(CSocketCom& socket, const std::string& request,
 // ASan): the payload, or "drained" for E_OUTOFMEMORY.
 std::string Buffered(CSocketCom& socket, const std::string& request)
 {
-    std::string frame = NetBuildFrame(kNetFnOpenDrive, 0, request);
+    std::string frame = NetBuildFrame(kNetFnOpenDrive, 0, ++g_nRequest, request);
     std::vector<char> buffer(100);
     std::int32_t length = socket.Exchange(frame.data(), frame.size(), buffer.data(), buffer.size());
     return length == E_OUTOFMEMORY ? "drained" : std::string(buffer.data(), static_cast<std::size_t>(length));
@@ -95,6 +97,8 @@ TEST_F(SocketCom, TimedExchangeHandsOutOnlyRepliesToItsFunctionAndKeepsASixteenB
     std::uint32_t statusAfterEmpty = socket.LastReplyHeader().nWord3;
     auto other = Timed(socket, "other");
     auto next = Timed(socket, "SP");
+    auto unasked = Timed(socket, "unasked");
+    auto tooShortForANumber = Timed(socket, "short");
     auto frame = Timed(socket, "frame");
     std::uint32_t frameStatus = socket.LastReplyHeader().nWord3;
     auto late = Timed(socket, "late", 200); // the first byte may take 5 x the time-out
@@ -107,6 +111,8 @@ TEST_F(SocketCom, TimedExchangeHandsOutOnlyRepliesToItsFunctionAndKeepsASixteenB
     EXPECT_EQ(0u, statusAfterEmpty);
     EXPECT_EQ(std::nullopt, other);
     EXPECT_EQ("SP", next); // the next exchange stays in step
+    EXPECT_EQ("unasked", unasked); // the answer to an earlier request was read away
+    EXPECT_EQ("short", tooShortForANumber);
     EXPECT_EQ("xy", frame); // a header is three little-endian words: length, function, status
     EXPECT_EQ(9u, frameStatus);
     EXPECT_EQ("late", late);
@@ -134,6 +140,11 @@ TEST_F(SocketCom, SilentCutOversizedAndStrayFramesThrowEachExchangesTexts)
     std::string after = Buffered(stray, "y");
     auto halfBuffered = Thrown([&] { Buffered(Connect(), "half!"); });
     auto cutBuffered = Thrown([&] { Buffered(Connect(), "cut!"); });
+    auto closedBeforeAnswer = Thrown([&] { Buffered(Connect(), "silent!"); });
+    auto dripTimed = Thrown([&] { Timed(Connect(), "drip", 100); });
+    CSocketCom& dripping = Connect();
+    dripping.SetBufferExchangeTimeout(500);
+    auto dripBuffered = Thrown([&] { Buffered(dripping, "drip"); }); // the deadline is the whole request's
     int refused = unopened.Open("127.0.0.1", test::ClosedPort(), 2000);
     int malformed = unopened.Open("not.an.address", 1, 100);
     auto nothing = Timed(unopened, "PX");
@@ -159,8 +170,16 @@ TEST_F(SocketCom, SilentCutOversizedAndStrayFramesThrowEachExchangesTexts)
     EXPECT_EQ(CSocketCom::kTextNotSameFunction, notSame.m_sMessage);
     EXPECT_EQ(kErrSrcTcp, notSame.m_nErrorSource);
     EXPECT_EQ("y", after);
-    EXPECT_EQ(CSocketCom::kTextFault, halfBuffered.m_sMessage);
-    EXPECT_EQ(CSocketCom::kTextFault, cutBuffered.m_sMessage);
+    // The buffer exchange says which of its failures it met.
+    EXPECT_EQ("TCP/IP Fault. The network device closed the connection after 6 of the 12 header bytes.",
+              halfBuffered.m_sMessage);
+    EXPECT_EQ("TCP/IP Fault. The network device closed the connection after 40 of the 100 payload bytes.",
+              cutBuffered.m_sMessage);
+    EXPECT_EQ("TCP/IP Fault. The network device closed the connection.", closedBeforeAnswer.m_sMessage);
+    EXPECT_EQ(CSocketCom::kTextHeaderDropped, dripTimed.m_sMessage);
+    EXPECT_EQ(0u, dripBuffered.m_sMessage.rfind("TCP/IP Fault. Only ", 0)) << dripBuffered.m_sMessage;
+    EXPECT_NE(std::string::npos, dripBuffered.m_sMessage.find(" of the 12 header bytes came within 500 ms."))
+        << dripBuffered.m_sMessage;
     EXPECT_EQ(ECONNREFUSED, refused);
     EXPECT_EQ(EINVAL, malformed);
     EXPECT_EQ(std::nullopt, nothing);
@@ -202,7 +221,7 @@ TEST_F(SocketCom, SystemCallsInterruptedOrShortAreCarriedOnFailedSendsThrowAndDr
     EXPECT_EQ(7u, nextStatus);
     EXPECT_EQ(CSocketCom::kTextSendDropped, timedSend.m_sMessage);
     EXPECT_EQ(kErrSrcTcp, timedSend.m_nErrorSource);
-    EXPECT_EQ(CSocketCom::kTextFault, bufferedSend.m_sMessage);
+    EXPECT_EQ("TCP/IP Fault. The request could not be sent whole.", bufferedSend.m_sMessage);
 }
 
 } // namespace

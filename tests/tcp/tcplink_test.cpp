@@ -72,6 +72,52 @@ TEST(TcpLink, ConnectReportsZeroOneOrThreeAndLinksShareOneConnectionUntilTheLast
     EXPECT_EQ(0u, CNetDevice::LiveCount());
 }
 
+TEST(TcpLink, ConnectFailuresSayWhichRequestFailedAndHow)
+{
+    // A device whose answer to one request (the list, or opening the
+    // drive) is broken as named, and whose other answers are sound.
+    auto device = [](std::string fault, std::uint32_t broken) {
+        return [fault, broken](test::CPeerConnection& c, const NetFrameHeader& h, const std::string& body) {
+            if (h.nFunctionId != broken)
+                test::ScriptedDevice(c, h, body);
+            else if (fault == "function")
+                c.Reply(h.nFunctionId + 1, 0, {});
+            else if (fault == "half")
+                c.Write(NetEncodeHeader({8, h.nFunctionId, 0}).substr(0, 6));
+            else if (fault == "huge")
+                c.Write(NetEncodeHeader({0xFFFFFFFFu, h.nFunctionId, 0}));
+            if (h.nFunctionId == broken && fault != "function" && fault != "silent")
+                c.Abort();
+        };
+    };
+    std::vector<std::string> errors;
+    for (auto [fault, broken] : std::vector<std::pair<std::string, std::uint32_t>>{
+             {"function", kNetFnListDrives}, {"half", kNetFnListDrives}, {"silent", kNetFnListDrives},
+             {"huge", kNetFnOpenDrive}, {"closed", kNetFnOpenDrive}}) {
+        test::CTcpScriptedPeer peer(device(fault, broken));
+        CTCP link(TcpInfo("RS232 Port 1"), peer.Port());
+        link.SetConnectTimeout(200);
+        EXPECT_EQ(CTCP::kConnectNoDevice, link.Connect()) << fault;
+        std::string where = "127.0.0.1:" + std::to_string(peer.Port());
+        errors.push_back(link.GetConnectError());
+        std::size_t at = errors.back().find(where);
+        if (at != std::string::npos)
+            errors.back().replace(at, where.size(), "HOST");
+    }
+
+    EXPECT_EQ((std::vector<std::string>{
+                  "Listing the drives of the network device HOST failed: TCP/IP Communication broken. Not same "
+                  "function ID.",
+                  "Listing the drives of the network device HOST failed: TCP/IP Fault. The network device closed the "
+                  "connection after 6 of the 12 header bytes.",
+                  "Listing the drives of the network device HOST failed: TCP/IP Fault. No answer within 1000 ms.",
+                  "Opening \"RS232 Port 1\" on the network device HOST failed: TCP/IP Fault. The network device "
+                  "announced a reply of 4294967295 bytes, more than the 1048576 bytes allowed.",
+                  "Opening \"RS232 Port 1\" on the network device HOST failed: TCP/IP Fault. The network device "
+                  "closed the connection."}),
+              errors);
+}
+
 TEST(TcpLink, ReachesAHostByItsIpv6Address)
 {
     std::unique_ptr<test::CTcpScriptedPeer> peer;
@@ -105,6 +151,7 @@ TEST(TcpLink, ValueSendThrowsSourceElevenAndRawPathRunsTheSharedTransaction)
     auto known = Thrown([&] { link.SendCommandGetValue("MO=1", value, 1000); });
     auto unknown = Thrown([&] { link.SendCommandGetValue("MO=2", value, 1000); });
     auto refused = Thrown([&] { link.SendCommandGetValue("XX", value, 1000); });
+    auto tooBig = Thrown([&] { link.SendCommandGetValue("big", value, 1000); });
     int identified = link.SendCommandGetReply("VR", reply, 1000);
     std::string version = reply;
     auto badData = Thrown([&] { link.SendCommand("PA", reply, 1000, 0); });
@@ -122,6 +169,8 @@ TEST(TcpLink, ValueSendThrowsSourceElevenAndRawPathRunsTheSharedTransaction)
     EXPECT_EQ("Error (5) :  'MO=1' : " + link.GetDriveErrorText(5) + " !", known.FillMessage());
     EXPECT_EQ("Error (250) :  'MO=2' : Brake not released !", unknown.FillMessage());
     EXPECT_EQ("the network device refused a malformed request: command too long", refused.FillMessage());
+    EXPECT_EQ(COM_BUFFER_TOO_BIG, tooBig.m_nErrorCode); // the limit of the raw path and the serial line
+    EXPECT_EQ("Input or Output Buffers larger then 8196 bytes", tooBig.FillMessage());
     EXPECT_EQ(0, identified);
     EXPECT_EQ("VR\rTalvina 1.2.3.4;", version);
     EXPECT_EQ(COM_BAD_DATA, badData.m_nErrorCode);

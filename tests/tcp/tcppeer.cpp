@@ -20,26 +20,32 @@ bool ReadExactly(int fd, char* data, std::size_t length)
     return length == 0 || ::recv(fd, data, length, MSG_WAITALL) == static_cast<ssize_t>(length);
 }
 
-bool ReadFrame(int fd, NetFrameHeader& header, std::string& payload)
+bool ReadFrame(int fd, NetFrameHeader& header, std::uint32_t& number, std::string& body)
 {
     char bytes[kNetHeaderBytes];
     if (fd < 0 || !ReadExactly(fd, bytes, sizeof bytes))
         return false;
     header = NetDecodeHeader(bytes);
-    payload.assign(std::min(header.nLength, kNetMaxPayloadBytes), '\0');
-    return header.nLength <= kNetMaxPayloadBytes && ReadExactly(fd, payload.data(), payload.size());
+    body.assign(std::min(header.nLength, kNetMaxPayloadBytes), '\0');
+    if (header.nLength > kNetMaxPayloadBytes || !ReadExactly(fd, body.data(), body.size()))
+        return false;
+    number = body.size() >= kNetNumberBytes ? NetGetU32(body.data()) : 0;
+    body.erase(0, std::min(body.size(), kNetNumberBytes));
+    return true;
 }
 
 } // namespace
 
-void CPeerConnection::Write(const std::string& bytes)
+bool CPeerConnection::Write(const std::string& bytes)
 {
-    ::send(hSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL); // blocking: all of it, or the client is gone
+    // Blocking: all of it, or the client is gone.
+    return ::send(hSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
 }
 
-void CPeerConnection::Reply(std::uint32_t functionId, std::uint32_t status, const std::string& payload)
+void CPeerConnection::Reply(std::uint32_t functionId, std::uint32_t status, const std::string& body,
+                            std::uint32_t number)
 {
-    Write(NetBuildFrame(functionId, status, payload));
+    Write(NetBuildFrame(functionId, status, number != 0 ? number : nRequest, body));
 }
 
 void CPeerConnection::Abort()
@@ -84,9 +90,9 @@ CTcpScriptedPeer::CTcpScriptedPeer(Handler handler, bool bIpv6) : m_Handler(std:
             m_arThreads.emplace_back([this, fd] {
                 CPeerConnection connection{fd};
                 NetFrameHeader header;
-                std::string payload;
-                while (ReadFrame(connection.hSocket, header, payload))
-                    m_Handler(connection, header, payload);
+                std::string body;
+                while (ReadFrame(connection.hSocket, header, connection.nRequest, body))
+                    m_Handler(connection, header, body);
                 if (connection.hSocket >= 0)
                     connection.Abort();
                 ++m_nEnded;
@@ -145,10 +151,24 @@ void ScriptedDevice(CPeerConnection& c, const NetFrameHeader& h, const std::stri
         c.Reply(id, 0, std::string(what == "big" ? 70000 : 1000, 'w'));
     else if (what == "other" || what == "UM\r")
         c.Reply(id + 1, 0, "stale");
-    else if (what == "frame") // 2 bytes for function 3, status 9
-        c.Write(std::string("\x02\0\0\0\x03\0\0\0\x09\0\0\0xy", 14));
-    else if (what == "half")
-        c.Write(NetEncodeHeader({4, id, 0}).substr(0, 6));
+    else if (what == "frame") { // 6 bytes for function 3, status 9: the number, "xy"
+        std::string frame("\x06\0\0\0\x03\0\0\0\x09\0\0\0", 12);
+        NetPutU32(frame, c.nRequest);
+        c.Write(frame + "xy");
+    } else if (what == "unasked") {
+        c.Reply(id, 0, "stale", c.nRequest - 1);
+        c.Reply(id, 0, what);
+    } else if (what == "short") // a frame too short to hold a number, then the answer
+        c.Write(NetEncodeHeader({2, id, 0}) + "ab" + NetBuildFrame(id, 0, c.nRequest, what));
+    else if (what == "drip") {
+        const std::string frame = NetBuildFrame(id, 0, c.nRequest, what);
+        for (char byte : frame) {
+            if (!c.Write(std::string(1, byte)))
+                break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(150));
+        }
+    } else if (what == "half")
+        c.Write(NetEncodeHeader({8, id, 0}).substr(0, 6));
     else if (what == "cut")
         c.Write(NetEncodeHeader({100, id, 0}) + std::string(40, 'p'));
     else if (what == "huge")

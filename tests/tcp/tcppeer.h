@@ -19,17 +19,20 @@ namespace tessitor::test {
 /// One accepted connection, as the handler sees it.
 struct CPeerConnection {
     int hSocket;
-    /// Writes bytes as they stand.
-    void Write(const std::string& bytes);
-    /// Writes a reply frame.
-    void Reply(std::uint32_t functionId, std::uint32_t status, const std::string& payload);
+    std::uint32_t nRequest = 0; ///< the number of the request being answered
+    /// Writes bytes as they stand; false when the client is gone.
+    bool Write(const std::string& bytes);
+    /// Writes a reply frame to request number (0: the one being answered).
+    void Reply(std::uint32_t functionId, std::uint32_t status, const std::string& body, std::uint32_t number = 0);
     /// Closes with a reset instead of an orderly close; no more requests are read.
     void Abort();
 };
 
 class CTcpScriptedPeer {
 public:
-    using Handler = std::function<void(CPeerConnection&, const NetFrameHeader&, const std::string& payload)>;
+    /// Gets each request with its body (the payload after the number, which
+    /// is in CPeerConnection::nRequest).
+    using Handler = std::function<void(CPeerConnection&, const NetFrameHeader&, const std::string& body)>;
 
     /// Listens on 127.0.0.1 (::1 with bIpv6); each connection's requests go
     /// to handler in turn, on that connection's own thread, until the
@@ -59,6 +62,8 @@ private:
 /// NodeID 5" (handle 12), whose answer each request names (the command, or
 /// the payload of other functions): see the .cpp. Anything it does not
 /// know is echoed; a trailing '!' resets the connection after the answer.
+/// "unasked" gets an answer to the request before it first, "late" its
+/// answer after 600 ms, "drip" its answer one byte every 150 ms.
 void ScriptedDevice(CPeerConnection& c, const NetFrameHeader& h, const std::string& payload);
 /// A loopback port nobody listens on (one just given up).
 std::uint16_t ClosedPort();
