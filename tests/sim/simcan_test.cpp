@@ -127,6 +127,13 @@ TEST_F(SimCanTest, OsCommandRunsTheDriveInterpreter)
     EXPECT_EQ(Ask("605#4023100200000000"), "585#4F23100203000000") << "a drive error, with a reply";
     EXPECT_EQ(Ask("605#4023100300000000"), "585#4B231003033F0000") << "error 3 before \"?\"";
     EXPECT_EQ(Ask("605#2F24100001000000"), "585#8024100030000906") << "buffered mode is not served";
+
+    EXPECT_EQ(Ask("605#2170200007000000"), "585#6070200000000000");
+    EXPECT_EQ(Ask("605#01444C4D4F3D315C"), "585#2000000000000000") << "a program line \"DLMO=1\\\"";
+    EXPECT_EQ(Ask("605#4070200000000000"), "585#437020004D4F3D31") << "LS";
+    EXPECT_EQ(Ask("605#4073200000000000"), "585#4F73200031000000") << "CC";
+    EXPECT_EQ(Ask("605#2B31200048530000"), "585#8031200000000008") << "HS: a command this drive refuses";
+    EXPECT_EQ(m_pDrive->Execute("EC").sValue, "2");
 }
 
 TEST_F(SimCanTest, BusyFaultHoldsTheOsCommandStatus)
