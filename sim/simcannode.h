@@ -36,8 +36,11 @@ public:
     /// throws std::invalid_argument for an id outside 1..127.
     CSimCanNode(std::shared_ptr<CSimDrive> drive, int nodeId);
 
+    /// 1..127.
     int NodeId() const { return m_Objects.NodeId(); }
+    /// The drive the node serves (thread-safe, as every CSimDrive).
     CSimDrive& Drive() { return m_Objects.Drive(); }
+    /// The node's object dictionary; for the thread that feeds the node.
     CSimCanObjects& Objects() { return m_Objects; }
 
     /// Adds a fault: "drop", "delay", "abort" and "toggle" act on the answers
@@ -46,6 +49,7 @@ public:
     /// the command lines the interpreters run. A target "/0x..." is read
     /// with upper-case hex digits. Thread-safe.
     void AddFault(FaultRule rule);
+    /// Removes every fault. Thread-safe.
     void ClearFaults();
 
     /// Powers the node up: its boot-up message; it is then pre-operational.

@@ -57,7 +57,9 @@ public:
     /// Back to the values of power-up (NMT reset): heartbeat off, OS command cleared.
     void ResetCommunication();
 
+    /// The drive the objects run on.
     CSimDrive& Drive() { return *m_pDrive; }
+    /// The node id the identity's serial number is made from.
     int NodeId() const { return m_nNodeId; }
 
 private:

@@ -40,6 +40,8 @@ public:
     /// Opens the pseudo-terminal and starts the serving thread; throws
     /// std::system_error when the terminal cannot be made.
     void Start();
+    /// Ends serving and closes the pseudo-terminal; a client that still
+    /// holds it reads nothing more.
     void Stop();
     /// The device path a client opens (/dev/pts/N); valid after Start.
     std::string SlavePath() const;
