@@ -368,6 +368,20 @@ void CCan::InitiateUpload(std::uint16_t cobId, std::uint16_t index, std::uint8_t
     }
 }
 
+sdo::Frame CCan::UploadSegment(std::uint16_t cobId, int toggle, std::uint32_t timeoutMs, const char* abortLog)
+{
+    sdo::Frame frame = sdo::UploadSegmentRequest(toggle);
+    SendFrame(Message(cobId, frame.data()));
+    frame.fill(0);
+    CanMessage answer = Message(cobId, frame.data());
+    ReceiveSdoFrame(answer, timeoutMs);
+    if (sdo::Specifier(frame[0]) == sdo::kCsAbort) {
+        LogAt(abortLog);
+        SDO_Abort(frame.data() + 4);
+    }
+    return frame;
+}
+
 void CCan::SDO_UpLoad(std::uint16_t cobId, std::uint16_t index, std::uint8_t sub, std::string& text,
                       std::uint32_t timeoutMs)
 {
@@ -388,15 +402,8 @@ void CCan::SDO_UpLoadSegments(std::uint16_t cobId, std::string& text, std::uint3
 {
     int toggle = 0;
     for (;;) {
-        sdo::Frame frame = sdo::UploadSegmentRequest(toggle);
-        SendFrame(Message(cobId, frame.data()));
-        frame.fill(0);
-        CanMessage answer = Message(cobId, frame.data());
-        ReceiveSdoFrame(answer, timeoutMs);
-        if (sdo::Specifier(frame[0]) == sdo::kCsAbort) {
-            LogAt("Abort was occured in the segmented part of SDO upload \n");
-            SDO_Abort(frame.data() + 4);
-        }
+        sdo::Frame frame =
+            UploadSegment(cobId, toggle, timeoutMs, "Abort was occured in the segmented part of SDO upload \n");
         const int used = 7 - sdo::SegmentUnused(frame[0]);
         text.append(reinterpret_cast<const char*>(frame.data() + 1), static_cast<std::size_t>(used));
         // The next toggle follows the segment received, not the one asked
@@ -430,15 +437,8 @@ void CCan::SDO_Rx_Array(std::uint16_t cobId, std::string& record, std::uint32_t 
     int toggle = 0;
     int segments = 0;
     for (;;) {
-        sdo::Frame frame = sdo::UploadSegmentRequest(toggle);
-        SendFrame(Message(cobId, frame.data()));
-        frame.fill(0);
-        CanMessage answer = Message(cobId, frame.data());
-        ReceiveSdoFrame(answer, timeoutMs);
-        if (sdo::Specifier(frame[0]) == sdo::kCsAbort) {
-            LogAt("SDO_Rx_Array : Abort was occured in the segmented part of  SDO upload \n");
-            SDO_Abort(frame.data() + 4);
-        }
+        sdo::Frame frame = UploadSegment(cobId, toggle, timeoutMs,
+                                         "SDO_Rx_Array : Abort was occured in the segmented part of  SDO upload \n");
         if (sdo::Toggle(frame[0]) != toggle) {
             LogAt("SDO_Rx_Array : Toggle bit error in the segmented part of  SDO upload \n");
             throw CExceptionComm(-1, this, kErrSrcCan, "Error: Toggle bit error in the segmented part of  SDO upload.");

@@ -18,6 +18,7 @@
 //   link.SendCommandGetValue("KP[2]", value, 1000);   // "120", as on a serial line
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -146,6 +147,10 @@ private:
 
     void ReceiveFrom(std::uint16_t function, CanMessage& frame, std::uint32_t timeoutMs);
     void CheckConnected();
+    /// One upload segment request with toggle and its response; an abort
+    /// is logged with abortLog and thrown.
+    std::array<std::uint8_t, 8> UploadSegment(std::uint16_t cobId, int toggle, std::uint32_t timeoutMs,
+                                              const char* abortLog);
     /// The initiate-upload exchange shared by the uploads; response in frame.
     void InitiateUpload(std::uint16_t cobId, std::uint16_t index, std::uint8_t sub, std::uint8_t* response,
                         std::uint32_t timeoutMs, const char* abortLog);

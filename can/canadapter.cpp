@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -212,6 +213,24 @@ void CCanAdapter::Deliver(const std::vector<CanFrame>& frames)
     m_evFrame.notify_all();
     for (const CanFrame& frame : frames)
         Notify(frame, false);
+}
+
+int CCanAdapter::WaitReadable(int fd, int wakeFd)
+{
+    for (;;) {
+        pollfd fds[2] = {{fd, POLLIN, 0}, {wakeFd, POLLIN, 0}};
+        if (::poll(fds, 2, -1) < 0) {
+            if (errno == EINTR)
+                continue;
+            return errno;
+        }
+        if (fds[1].revents & POLLIN)
+            return -1;
+        if (fds[0].revents & POLLIN)
+            return 0;
+        if (fds[0].revents & (POLLERR | POLLHUP | POLLNVAL))
+            return EIO;
+    }
 }
 
 void CCanAdapter::ReceiveThread()

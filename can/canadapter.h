@@ -85,6 +85,9 @@ protected:
     /// Blocks until frames arrive (appended to frames) or wakeFd becomes
     /// readable; 0, or an errno value when the device is gone.
     virtual int ReadFrames(int wakeFd, std::vector<CanFrame>& frames) = 0;
+    /// Waits until fd or wakeFd is readable: 0 for fd, -1 when woken, or an
+    /// errno value (EIO for a device in error).
+    static int WaitReadable(int fd, int wakeFd);
     /// Narrows reception to these nodes (0 among them: everything).
     virtual void ApplyNodeFilter(const std::vector<std::uint8_t>& nodes) { (void)nodes; }
 

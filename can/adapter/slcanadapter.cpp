@@ -166,17 +166,8 @@ int CSlcanAdapter::WriteFrame(const CanFrame& frame)
 int CSlcanAdapter::ReadFrames(int wakeFd, std::vector<CanFrame>& frames)
 {
     for (;;) {
-        pollfd fds[2] = {{m_hDevice, POLLIN, 0}, {wakeFd, POLLIN, 0}};
-        int ready = ::poll(fds, 2, -1);
-        if (ready < 0) {
-            if (errno == EINTR)
-                continue;
-            return errno;
-        }
-        if (fds[1].revents & POLLIN)
-            return 0;
-        if (fds[0].revents & (POLLERR | POLLNVAL))
-            return EIO;
+        if (int waited = WaitReadable(m_hDevice, wakeFd))
+            return waited < 0 ? 0 : waited;
         char chunk[4096];
         ssize_t n = ::read(m_hDevice, chunk, sizeof chunk);
         if (n < 0 && (errno == EAGAIN || errno == EINTR))

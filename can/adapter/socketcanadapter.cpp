@@ -7,7 +7,6 @@
 #include <linux/can.h>
 #include <linux/can/raw.h>
 #include <net/if.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -130,15 +129,8 @@ int CSocketCanAdapter::WriteFrame(const CanFrame& frame)
 int CSocketCanAdapter::ReadFrames(int wakeFd, std::vector<CanFrame>& frames)
 {
     for (;;) {
-        pollfd fds[2] = {{m_hSocket, POLLIN, 0}, {wakeFd, POLLIN, 0}};
-        int ready = ::poll(fds, 2, -1);
-        if (ready < 0) {
-            if (errno == EINTR)
-                continue;
-            return errno;
-        }
-        if (fds[1].revents & POLLIN)
-            return 0;
+        if (int waited = WaitReadable(m_hSocket, wakeFd))
+            return waited < 0 ? 0 : waited;
         for (;;) {
             can_frame in{};
             ssize_t n = ::read(m_hSocket, &in, sizeof in);

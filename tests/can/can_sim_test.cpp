@@ -10,6 +10,7 @@
 #include "communication/rs232.h"
 #include "sim/simserialserver.h"
 #include "sim/simslcanserver.h"
+#include "tests/can/scriptedcan.h"
 #include "tests/sim/simtesthelpers.h"
 #include "tests/support/backgroundprocess.h"
 #include "tests/support/process.h"
@@ -45,17 +46,6 @@ protected:
 
     fs::path m_Config;
 };
-
-CCommunicationInfo CanInfo(const std::string& path, std::uint8_t node)
-{
-    CCommunicationInfo info;
-    info.m_sCommType = "CAN";
-    info.sManufacture = "SLCAN";
-    info.sBoardType = path;
-    info.mNodeID = node;
-    info.mBaudRateIndex = 7;
-    return info;
-}
 
 std::string Value(CCommunication& link, const std::string& command)
 {
@@ -165,7 +155,7 @@ TEST_F(CanSim, RecordingComesOverCanAsOverTheSerialLine)
     CCommunicationInfo serialInfo;
     CRs232 serial(serialInfo);
     serial.SetDevicePath(serialFace.SlavePath());
-    CCan can(CanInfo(bus.SlavePath(), 5));
+    CCan can(SlcanInfo(bus.SlavePath(), 5));
     ASSERT_EQ(serial.Connect(), 0);
     ASSERT_EQ(can.Connect(), 0) << can.GetConnectError();
     can.Identify();

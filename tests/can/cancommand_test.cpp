@@ -15,17 +15,6 @@ using Exception = CCommunication::CExceptionComm;
 
 namespace {
 
-Exception Caught(const std::function<void()>& action)
-{
-    try {
-        action();
-    } catch (const Exception& e) {
-        return e;
-    }
-    ADD_FAILURE() << "nothing was thrown";
-    return Exception(0, nullptr, 0);
-}
-
 std::array<std::uint8_t, 8> Bytes(const BinaryRequest& r)
 {
     return r.abData;

@@ -5,9 +5,12 @@
 #pragma once
 
 #include <deque>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "can/can.h"
 #include "can/sdoprotocol.h"
@@ -15,9 +18,33 @@
 
 namespace tessitor::test {
 
+/// A "CAN" descriptor of an SLCAN adapter on path for node, at 1000 kbit/s.
+inline CCommunicationInfo SlcanInfo(const std::string& path, std::uint8_t node)
+{
+    CCommunicationInfo info;
+    info.m_sCommType = "CAN";
+    info.sManufacture = "SLCAN";
+    info.sBoardType = path;
+    info.mNodeID = node;
+    info.mBaudRateIndex = 7;
+    return info;
+}
+
+/// The exception action throws (a failure of the test when it throws none).
+inline CCommunication::CExceptionComm Caught(const std::function<void()>& action)
+{
+    try {
+        action();
+    } catch (const CCommunication::CExceptionComm& e) {
+        return e;
+    }
+    ADD_FAILURE() << "nothing was thrown";
+    return CCommunication::CExceptionComm(0, nullptr, 0);
+}
+
 class CScriptedCan : public CCan {
 public:
-    explicit CScriptedCan(std::uint8_t node = 5) : CCan(Info(node)) { SetConnected(true); }
+    explicit CScriptedCan(std::uint8_t node = 5) : CCan(SlcanInfo("/dev/null", node)) { SetConnected(true); }
 
     /// Queues the next response (arrives on 0x580 + node).
     void Answer(const sdo::Frame& frame) { m_arAnswers.push_back(frame); }
@@ -78,15 +105,6 @@ public:
     }
 
 private:
-    static CCommunicationInfo Info(std::uint8_t node)
-    {
-        CCommunicationInfo info;
-        info.m_sCommType = "CAN";
-        info.sManufacture = "SLCAN";
-        info.sBoardType = "/dev/null";
-        info.mNodeID = node;
-        return info;
-    }
     std::deque<sdo::Frame> m_arAnswers;
     std::deque<std::pair<sdo::Frame, std::uint16_t>> m_arPdoAnswers;
 };

@@ -26,17 +26,6 @@ sdo::Frame Segment(int toggle, const std::string& text, bool last)
     return frame;
 }
 
-Exception Caught(const std::function<void()>& action)
-{
-    try {
-        action();
-    } catch (const Exception& e) {
-        return e;
-    }
-    ADD_FAILURE() << "nothing was thrown";
-    return Exception(0, nullptr, 0);
-}
-
 } // namespace
 
 TEST(SdoClient, ExpeditedUploadIsFourCharactersWhateverNSays)

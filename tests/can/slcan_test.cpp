@@ -14,6 +14,7 @@
 #include "can/canadapterchoice.h"
 #include "can/canopenreading.h"
 #include "core/settings.h"
+#include "tests/can/scriptedcan.h"
 #include "tests/support/scriptedpeer.h"
 
 using namespace tessitor;
@@ -45,17 +46,6 @@ std::string TwoNodes(const CanFrame& request)
     std::uint32_t node = request.nId & kCobNodeMask;
     return slcan::EncodeFrame(Frame(kCobSdoResponse + node, {0x4F, request.abData[1], request.abData[2],
                                                              request.abData[3], static_cast<std::uint8_t>(node)}));
-}
-
-CCommunicationInfo SlcanInfo(const std::string& path, std::uint8_t node)
-{
-    CCommunicationInfo info;
-    info.m_sCommType = "CAN";
-    info.sManufacture = "SLCAN";
-    info.sBoardType = path;
-    info.mNodeID = node;
-    info.mBaudRateIndex = 7;
-    return info;
 }
 
 } // namespace
