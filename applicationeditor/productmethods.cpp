@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 
+#include "applicationeditor/canmethods.h"
 #include "applicationeditor/datfile.h"
 #include "applicationeditor/nolbrers232methods.h"
 #include "applicationeditor/talrs232methods.h"
@@ -32,10 +33,23 @@ bool IsHexText(const std::string& text)
 
 std::string CProductMethods::Query(const std::string& command, std::uint32_t timeoutMs, const std::string& shownAs)
 {
+    try {
+        return CommandValue(command, timeoutMs);
+    } catch (CCommunication::CExceptionComm& e) {
+        // A refusal names the command as the user should read it.
+        std::string quoted = "'" + command + "'";
+        if (std::size_t at = e.m_sMessage.find(quoted); !shownAs.empty() && at != std::string::npos)
+            e.m_sMessage.replace(at, quoted.size(), "'" + shownAs + "'");
+        throw;
+    }
+}
+
+std::string CProductMethods::CommandValue(const std::string& command, std::uint32_t timeoutMs)
+{
     std::string reply;
     m_Link.SendCommand(command, reply, timeoutMs, 0);
     std::string message;
-    if (m_Link.CheckDriveError(shownAs.empty() ? command : shownAs, reply, message))
+    if (m_Link.CheckDriveError(command, reply, message))
         throw CCommunication::CExceptionComm(-1, &m_Link, kErrSrcDrive, message);
     // Echo, carriage return, value, terminator; an empty value is a value too.
     if (reply.size() < command.size() + 2)
@@ -165,15 +179,15 @@ std::unique_ptr<CProductMethods> CreateProductMethods(CCommunication& link)
 {
     const std::string& type = link.GetProcessorType();
     bool tal = type == "DSP" || type == "STP";
-    switch (link.GetInfo().GetKind()) {
-    case kKindCan:
-        throw CCommunication::CExceptionComm(COM_NOT_IMPLEMENTED, &link, kErrSrcTransport);
-    default:
-        // Serial lines and network devices carry the same command text.
+    if (auto* can = dynamic_cast<CCan*>(&link)) {
         if (tal)
-            return std::make_unique<CTalRs232Methods>(link);
-        return std::make_unique<CNolBreRs232Methods>(link);
+            return std::make_unique<CTalCANMethods>(*can);
+        return std::make_unique<CNolBreCANMethods>(*can);
     }
+    // Serial lines and network devices carry the same command text.
+    if (tal)
+        return std::make_unique<CTalRs232Methods>(link);
+    return std::make_unique<CNolBreRs232Methods>(link);
 }
 
 } // namespace tessitor

@@ -98,9 +98,13 @@ protected:
     std::string UploadImageChunkByCommand(std::size_t n);
     void DownloadImageChunkByCommand(std::size_t n, const std::string& hex);
 
-    /// One command through the link's transaction; a drive's refusal is
-    /// thrown with shownAs (default: the command) in its message.
+    /// One command through the link; a drive's refusal is thrown with
+    /// shownAs (default: the command) in its message.
     std::string Query(const std::string& command, std::uint32_t timeoutMs, const std::string& shownAs = {});
+    /// The transport's part of Query: the command's value, "" for none.
+    /// Links that carry the command text: the raw transaction, the value
+    /// taken from behind the echo (an empty one too, and a listing's 0x08).
+    virtual std::string CommandValue(const std::string& command, std::uint32_t timeoutMs);
     /// A time-out for a command or reply of bytes: 2 s plus twice its wire
     /// time at the descriptor's baud rate.
     std::uint32_t TransferTimeoutMs(std::size_t bytes) const;
@@ -110,8 +114,8 @@ protected:
 
 /// The methods object for link, chosen by the drive family its
 /// identification found ("DSP"/"STP": Tal; "BreNol" or not identified:
-/// NolBre) and by its transport. Throws CExceptionComm (code 12, "This
-/// Option is Not Implemented") for a CAN link, whose methods are not there yet.
+/// NolBre) and by its transport (a CAN link: the CAN classes; any other:
+/// those of links that carry the command text).
 std::unique_ptr<CProductMethods> CreateProductMethods(CCommunication& link);
 
 } // namespace tessitor

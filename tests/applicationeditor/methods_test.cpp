@@ -1,19 +1,22 @@
 // The family command methods end to end: image and program transfers
-// against the virtual drive over a pseudo-terminal and over loopback TCP,
-// and the chunking against a scripted drive whose image is larger than one
+// against the virtual drive over a pseudo-terminal, loopback TCP and an
+// SLCAN bus, and the chunking against a scripted drive whose image is larger than one
 // chunk (the virtual drive's images all fit one).
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <memory>
 
+#include "applicationeditor/canmethods.h"
 #include "applicationeditor/datfile.h"
 #include "applicationeditor/nolbrers232methods.h"
 #include "applicationeditor/talrs232methods.h"
 #include "applicationeditor/versiondb.h"
+#include "communication/linkfactory.h"
 #include "communication/rs232.h"
 #include "communication/tcp.h"
 #include "sim/simserialserver.h"
+#include "sim/simslcanserver.h"
 #include "sim/simtcpserver.h"
 #include "tests/applicationeditor/apptesthelpers.h"
 #include "tests/support/scriptedpeer.h"
@@ -25,17 +28,31 @@ namespace {
 using test::CRecordingWindow;
 using test::Thrown;
 
-// A virtual drive of product reached over the serial face or the network device.
+enum class Face { kSerial, kTcp, kCan };
+
+// A virtual drive of product reached over the serial face, the network device or a CAN bus.
 struct DriveLink {
     std::unique_ptr<sim::CSimSerialServer> pSerial;
     std::unique_ptr<sim::CSimTcpServer> pDevice;
+    std::unique_ptr<sim::CSimSlcanServer> pBus;
     std::unique_ptr<CCommunication> pLink;
 };
 
-DriveLink Connect(const std::string& product, bool tcp)
+DriveLink Connect(const std::string& product, Face face)
 {
     DriveLink d;
-    if (tcp) {
+    if (face == Face::kCan) {
+        d.pBus = std::make_unique<sim::CSimSlcanServer>();
+        d.pBus->AddNode(std::make_shared<sim::CSimDrive>(product), 5);
+        d.pBus->Start();
+        CCommunicationInfo info;
+        info.m_sCommType = "CAN";
+        info.sManufacture = "SLCAN";
+        info.sBoardType = d.pBus->SlavePath();
+        info.mNodeID = 5;
+        info.mBaudRateIndex = 7;
+        d.pLink = CreateLink(info);
+    } else if (face == Face::kTcp) {
         d.pDevice = std::make_unique<sim::CSimTcpServer>(product);
         d.pDevice->Start();
         CCommunicationInfo info;
@@ -55,12 +72,14 @@ DriveLink Connect(const std::string& product, bool tcp)
     return d;
 }
 
-TEST(ProductMethods, ImageAndProgramTravelBothWaysOverSerialAndTcpForBothFamilies)
+TEST(ProductMethods, ImageAndProgramTravelBothWaysOverSerialTcpAndCanForBothFamilies)
 {
-    for (bool tcp : {false, true}) {
+    for (Face face : {Face::kSerial, Face::kTcp, Face::kCan}) {
         for (const char* product : {"Talvina", "Bressa"}) {
-            SCOPED_TRACE(std::string(product) + (tcp ? " over TCP" : " over a serial line"));
-            DriveLink d = Connect(product, tcp);
+            SCOPED_TRACE(std::string(product) + (face == Face::kTcp   ? " over TCP"
+                                                 : face == Face::kCan ? " over CAN"
+                                                                      : " over a serial line"));
+            DriveLink d = Connect(product, face);
             auto methods = CreateProductMethods(*d.pLink);
             bool tal = std::string(product) == "Talvina";
             const VersionLayout* layout = methods->GetDriveLayout();
@@ -93,8 +112,13 @@ TEST(ProductMethods, ImageAndProgramTravelBothWaysOverSerialAndTcpForBothFamilie
             std::string emptyListing = methods->UploadProgram();
 
             EXPECT_EQ(tal ? "Tal" : "NolBre", std::string(methods->GetFamily()));
-            EXPECT_EQ(tal, dynamic_cast<CTalRs232Methods*>(methods.get()) != nullptr);
-            EXPECT_EQ(!tal, dynamic_cast<CNolBreRs232Methods*>(methods.get()) != nullptr);
+            if (face == Face::kCan) {
+                EXPECT_EQ(tal, dynamic_cast<CTalCANMethods*>(methods.get()) != nullptr);
+                EXPECT_EQ(!tal, dynamic_cast<CNolBreCANMethods*>(methods.get()) != nullptr);
+            } else {
+                EXPECT_EQ(tal, dynamic_cast<CTalRs232Methods*>(methods.get()) != nullptr);
+                EXPECT_EQ(!tal, dynamic_cast<CNolBreRs232Methods*>(methods.get()) != nullptr);
+            }
             EXPECT_EQ(layout->ImageSize() * 2, hex.size());
             EXPECT_DOUBLE_EQ(0.5, uploaded); // a parameter set by command is at its place in the image
             EXPECT_EQ("0.25", downloaded);   // and an image written changes the parameter
