@@ -287,7 +287,7 @@ void CCan::CheckConnected()
 
 // ---------------------------------------------------------------- adapter layer
 
-void CCan::SendFrame(const CanMessage& frame)
+std::shared_ptr<CCanAdapter> CCan::AdapterFor(const CanMessage& frame)
 {
     std::shared_ptr<CCanAdapter> adapter;
     {
@@ -298,6 +298,12 @@ void CCan::SendFrame(const CanMessage& frame)
         throw CExceptionComm(3, this, kErrSrcSetup);
     if (!frame.pData)
         throw CExceptionComm(COM_BUFFER_NULL, this, kErrSrcCan);
+    return adapter;
+}
+
+void CCan::SendFrame(const CanMessage& frame)
+{
+    std::shared_ptr<CCanAdapter> adapter = AdapterFor(frame);
     // A late answer to an earlier request must not pass for this one's.
     const std::uint16_t function = frame.wCobId & kCobFunctionMask;
     const std::uint8_t node = frame.wCobId & kCobNodeMask;
@@ -312,15 +318,7 @@ void CCan::SendFrame(const CanMessage& frame)
 
 void CCan::ReceiveFrom(std::uint16_t function, CanMessage& frame, std::uint32_t timeoutMs)
 {
-    std::shared_ptr<CCanAdapter> adapter;
-    {
-        std::lock_guard lock(m_csAdapter);
-        adapter = m_pAdapter;
-    }
-    if (!adapter)
-        throw CExceptionComm(3, this, kErrSrcSetup);
-    if (!frame.pData)
-        throw CExceptionComm(COM_BUFFER_NULL, this, kErrSrcCan);
+    std::shared_ptr<CCanAdapter> adapter = AdapterFor(frame);
     CanFrame received;
     int result;
     {

@@ -145,6 +145,8 @@ private:
     void BinaryCommand(const std::string& command, std::string& reply, std::uint32_t timeoutMs);
     void OsCommand(const std::string& command, std::string& reply, std::uint32_t timeoutMs);
 
+    /// The adapter while connected, for a frame with a buffer; else throws.
+    std::shared_ptr<CCanAdapter> AdapterFor(const CanMessage& frame);
     void ReceiveFrom(std::uint16_t function, CanMessage& frame, std::uint32_t timeoutMs);
     void CheckConnected();
     /// One upload segment request with toggle and its response; an abort
