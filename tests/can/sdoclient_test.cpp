@@ -96,7 +96,7 @@ TEST(SdoClient, RecordUploadWantsSegmentsAndPostsProgressEveryTwentySegments)
 TEST(SdoClient, DownloadLayoutsFromOneToFourteenBytes)
 {
     CScriptedCan link;
-    for (int i = 0; i < 8; ++i)
+    for (int i = 0; i < 13; ++i)
         link.Answer(0x60); // confirmations: never checked beyond "not an abort"
     const std::uint8_t data[14] = {'0', '1', '2', '3', '4', '5', '6', '7', '8', '9', 'a', 'b', 'c', 'd'};
 
@@ -105,8 +105,11 @@ TEST(SdoClient, DownloadLayoutsFromOneToFourteenBytes)
     link.SDO_DownLoad(0x605, 0x2000, 1, data, 5, 1000, nullptr);
     CRecordingWindow window;
     link.SDO_DownLoad(0x605, 0x2000, 2, data, 14, 1000, &window);
+    link.SDO_DownLoad(0x605, 0x2000, 3, data, 2, 1000, nullptr);
+    link.SDO_DownLoad(0x605, 0x2000, 3, data, 3, 1000, nullptr);
+    link.SDO_DownLoad(0x605, 0x2000, 3, data, 7, 1000, nullptr);
 
-    ASSERT_EQ(link.m_arSent.size(), 7u);
+    ASSERT_EQ(link.m_arSent.size(), 11u);
     EXPECT_EQ(link.m_arSent[0], Bytes({0x22, 0x00, 0x20, 0x01, '0', '1', '2', '3'}));
     EXPECT_EQ(link.m_arSent[1], Bytes({0x2E, 0x00, 0x20, 0x01, '0'}));
     EXPECT_EQ(link.m_arSent[2], Bytes({0x21, 0x00, 0x20, 0x01, 5, 0, 0, 0}));
@@ -114,6 +117,9 @@ TEST(SdoClient, DownloadLayoutsFromOneToFourteenBytes)
     EXPECT_EQ(link.m_arSent[4], Bytes({0x21, 0x00, 0x20, 0x02, 14, 0, 0, 0}));
     EXPECT_EQ(link.m_arSent[5], Bytes({0x00, '0', '1', '2', '3', '4', '5', '6'}));
     EXPECT_EQ(link.m_arSent[6], Bytes({0x11, '7', '8', '9', 'a', 'b', 'c', 'd'}));
+    EXPECT_EQ(link.m_arSent[7][0], 0x2A);
+    EXPECT_EQ(link.m_arSent[8][0], 0x26);
+    EXPECT_EQ(link.m_arSent[10], Bytes({0x01, '0', '1', '2', '3', '4', '5', '6'})) << "seven bytes: one full, last segment";
     using M = CRecordingWindow::Message;
     EXPECT_EQ(window.m_arMessages, (std::vector<M>{{kMsgSdoStart, 14, 7, false},
                                                    {kMsgSdoProgress, 0, 0, false},
