@@ -1,6 +1,6 @@
-// The CAN link end to end against the virtual drives on a CAN bus: `tessitor
-// sim --slcan` in another process for the command line, and the same drive
-// model behind a serial and a CAN face at once for "same values".
+// The CAN link and the `tessitor` command end to end against the virtual
+// drives on a CAN bus: `tessitor sim --slcan` in another process, and the
+// same drive model behind a serial and a CAN face at once for "same values".
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -76,7 +76,7 @@ TEST_F(CanSim, SdoCommandsReadWriteAndReportAbortsAndSilence)
 
     ProcessResult names = Run(Can(path, 5, {"sdo", "upload", "0x1008", "0", "0x100A", "0"}));
     ProcessResult other = Run(Can(path, 6, {"sdo", "upload", "0x1008", "0"}));
-    ProcessResult write = Run(Can(path, 5, {"sdo", "download", "--hex", "0x1017", "0", "E803"}));
+    ProcessResult write = Run(Can(path, 5, {"sdo", "download", "--hex", "0x1017", "0", "E8 03"}));
     ProcessResult back = Run(Can(path, 5, {"sdo", "upload", "--hex", "0x1017", "0"}));
     ProcessResult refused = Run(Can(path, 5, {"sdo", "upload", "0x1018", "1"}));
     ProcessResult missing = Run(Can(path, 5, {"sdo", "upload", "0x1234", "0"}));
@@ -92,6 +92,30 @@ TEST_F(CanSim, SdoCommandsReadWriteAndReportAbortsAndSilence)
     EXPECT_EQ(silent.nStatus, 1);
     EXPECT_EQ(silent.sErr, "Time Out Waiting for Response from Controller\n");
     EXPECT_EQ(bus.Stop(SIGINT), 0);
+}
+
+TEST_F(CanSim, DumpTraceAndLastShowAndReachTheBus)
+{
+    CBackgroundProcess bus({TessitorPath(), "sim", "--slcan", "--node", "5"});
+    const std::string path = bus.FirstLine();
+    // The drives boot when the first client opens the channel: the dump sees it.
+    CBackgroundProcess dump({TessitorPath(), "can", "dump", "--can", "slcan:" + path});
+    std::string line = dump.FirstLine();
+    EXPECT_EQ(line.rfind("(0.000000) 705#00", 0), 0u) << line;
+    EXPECT_NE(line.find("heartbeat node 5: boot-up"), std::string::npos) << line;
+    EXPECT_EQ(dump.Stop(SIGINT), 0);
+
+    ProcessResult traced = Run(Can(path, 5, {"--trace-frames", "sdo", "upload", "0x1008", "0"}));
+    ProcessResult last = Run({"--last", "sdo", "upload", "0x1008", "0"});
+    ProcessResult bad = Run(Can(path, 5, {"sdo", "upload", "0x10000", "0"}));
+    ProcessResult odd = Run(Can(path, 5, {"sdo", "upload", "0x1008"}));
+
+    EXPECT_NE(traced.sErr.find(") TX 605#4008100000000000\n"), std::string::npos) << traced.sErr;
+    EXPECT_NE(traced.sErr.find(") RX 585#4"), std::string::npos) << traced.sErr;
+    EXPECT_EQ(traced.sOut, "Talvina\n");
+    EXPECT_EQ(last.sOut, "Talvina\n") << "--last names the CAN connection again: " << last.sErr;
+    EXPECT_EQ(bad.nStatus, 2);
+    EXPECT_EQ(odd.nStatus, 2);
 }
 
 TEST_F(CanSim, CommandsGiveTheSerialLinesValuesOnBothFamilies)
