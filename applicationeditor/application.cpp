@@ -1,16 +1,9 @@
 #include "applicationeditor/application.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
-#include <filesystem>
 #include <fstream>
 
+#include "core/atomicfile.h"
 #include "core/strformat.h"
 #include "core/trace.h"
 
@@ -46,41 +39,6 @@ bool TagName(const std::string& line, std::string& name, std::size_t& gt)
         return false;
     name = line.substr(lt + 1, gt - lt - 1);
     return true;
-}
-
-// The path a save replaces: a symbolic link is followed, so that the link
-// stays and the file it names gets the new contents.
-std::filesystem::path SaveTarget(const std::string& fileName)
-{
-    std::filesystem::path path(fileName);
-    std::error_code error;
-    for (int hops = 0; hops < 40 && std::filesystem::is_symlink(path, error); ++hops) {
-        std::filesystem::path link = std::filesystem::read_symlink(path, error);
-        if (error)
-            break;
-        path = link.is_absolute() ? link : path.parent_path() / link;
-    }
-    return path;
-}
-
-bool WriteAll(int fd, const std::string& text)
-{
-    std::size_t done = 0;
-    while (done < text.size()) {
-        ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        done += static_cast<std::size_t>(n);
-    }
-    return true;
-}
-
-void TraceSaveFailure(const std::string& path, const char* step, int error)
-{
-    Trace::Write("CApplication:: Unable to open file for Update.\n");
-    Trace::Printf("CApplication::Update: %s: %s: %s\n", path.c_str(), step, std::strerror(error));
 }
 
 } // namespace
@@ -244,68 +202,16 @@ void CApplication::RemoveAll()
 
 bool CApplication::IsReadOnly() const
 {
-    std::filesystem::path target = SaveTarget(m_sFileName);
-    struct stat st {};
-    if (::stat(target.c_str(), &st) != 0)
-        return false;
-    // No write bit is the read-only attribute, also for root, whom access() lets through.
-    return (st.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0 || ::access(target.c_str(), W_OK) != 0;
+    return CAtomicFile(m_sFileName).IsReadOnly();
 }
 
 bool CApplication::Save()
 {
-    std::filesystem::path target = SaveTarget(m_sFileName);
-    if (IsReadOnly()) {
-        TraceSaveFailure(target.string(), "read-only", EACCES);
+    CAtomicFile file(m_sFileName);
+    if (!file.Create() || !file.Write(FileText()) || !file.Commit()) {
+        Trace::Write("CApplication:: Unable to open file for Update.\n");
+        Trace::Printf("CApplication::Update: %s: %s\n", file.Target().c_str(), file.Error().c_str());
         return false;
-    }
-    struct stat old {};
-    bool existed = ::stat(target.c_str(), &old) == 0;
-
-    static std::atomic<unsigned> s_nCounter{0};
-    std::filesystem::path dir = target.parent_path().empty() ? "." : target.parent_path();
-    std::string temp;
-    int fd = -1;
-    for (int attempt = 0; attempt < 100 && fd < 0; ++attempt) {
-        temp = (dir / StrFormat(".%s.%d.%u.tmp", target.filename().c_str(), static_cast<int>(::getpid()),
-                                s_nCounter.fetch_add(1)))
-                   .string();
-        // 0666 less the umask, as a new file gets; an old file's mode is copied below.
-        fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-        if (fd < 0 && errno != EEXIST)
-            break;
-    }
-    if (fd < 0) {
-        TraceSaveFailure(target.string(), "create", errno);
-        return false;
-    }
-    if (existed) {
-        (void)::fchown(fd, old.st_uid, old.st_gid); // keeps the owner where allowed
-        (void)::fchmod(fd, old.st_mode & 07777);
-    }
-    const char* step = nullptr;
-    if (!WriteAll(fd, FileText()))
-        step = "write";
-    else if (::fsync(fd) != 0)
-        step = "fsync";
-    int error = errno;
-    if (::close(fd) != 0 && !step) {
-        step = "close";
-        error = errno;
-    }
-    if (!step && ::rename(temp.c_str(), target.c_str()) != 0) {
-        step = "rename";
-        error = errno;
-    }
-    if (step) {
-        ::unlink(temp.c_str());
-        TraceSaveFailure(target.string(), step, error);
-        return false;
-    }
-    // The rename itself is made durable with the folder.
-    if (int dirFd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); dirFd >= 0) {
-        (void)::fsync(dirFd);
-        ::close(dirFd);
     }
     return true;
 }

@@ -11,6 +11,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "communication/communication.h"
@@ -36,12 +37,18 @@ struct CChunkRecorder : CSampleStore {
 };
 
 /// A front end that notes each wait it is told of ("wait PX /dev/pts/3
-/// 1/3", then "end"), installed while it lives; questions get OK.
+/// 1/3", then "end") and each message shown ("caption: text"), installed
+/// while it lives; questions get OK (No for a yes/no question).
 struct CWaitRecorder : Ui {
     std::vector<std::string> arWaits;
+    std::vector<std::string> arMessages;
     CWaitRecorder() { Ui::Install(this); }
     ~CWaitRecorder() override { Ui::Install(nullptr); }
-    int MessageBox(Window*, const std::string&, const std::string&, unsigned) override { return IDOK; }
+    int MessageBox(Window*, const std::string& text, const std::string& caption, unsigned style) override
+    {
+        arMessages.push_back(caption + ": " + text);
+        return (style & 0xF) == MB_YESNO ? IDNO : IDOK;
+    }
     void WaitBegin(const std::string& command, const std::string& device, int attempt, int attempts) override
     {
         arWaits.push_back("wait " + command + " " + device + " " + std::to_string(attempt) + "/"
@@ -63,13 +70,16 @@ struct CLastWordListener : CCommunication::CListenerComm {
     void OnCommunicationDisconnect(CCommunication*) override {}
 };
 
-/// A window that counts the messages posted to it.
+/// A window that counts the messages posted to it and keeps them with
+/// their wParam.
 struct CPostCounter : Window {
     std::atomic<int> nPosted{0};
     unsigned nLastMessage = 0;
-    void PostMessage(unsigned message, std::uintptr_t, std::intptr_t) override
+    std::vector<std::pair<unsigned, std::uintptr_t>> arPosted;
+    void PostMessage(unsigned message, std::uintptr_t wParam, std::intptr_t) override
     {
         nLastMessage = message;
+        arPosted.emplace_back(message, wParam);
         ++nPosted;
     }
     std::intptr_t SendMessage(unsigned, std::uintptr_t, std::intptr_t) override { return 0; }

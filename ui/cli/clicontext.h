@@ -95,5 +95,6 @@ void RegisterDemoCommand(CLI::App& app, CCliContext& context);
 void RegisterSdoCommand(CLI::App& app, CCliContext& context);
 void RegisterCanCommand(CLI::App& app, CCliContext& context);
 void RegisterAppCommand(CLI::App& app, CCliContext& context);
+void RegisterRecordCommand(CLI::App& app, CCliContext& context);
 
 } // namespace tessitor::cli

@@ -38,6 +38,7 @@ int main(int argc, char** argv)
     RegisterSdoCommand(app, context);
     RegisterCanCommand(app, context);
     RegisterAppCommand(app, context);
+    RegisterRecordCommand(app, context);
 
     try {
         app.parse(argc, argv);
