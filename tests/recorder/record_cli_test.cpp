@@ -111,7 +111,11 @@ TEST_F(RecordCliTest, BreNolDriveOverTcpRecordsTheMove)
     std::string where = device.FirstLine();
     ASSERT_EQ(where.rfind("127.0.0.1:", 0), 0u) << where;
 
-    std::string file = Record({"--tcp", where, "--target", "RS232 Port 2", "--yes"}, kMove);
+    // Its levels also go as integers: a negative one must reach the drive too.
+    Args recording = kMove;
+    recording.insert(recording.end(), {"--level-mode", "falling", "--level1", "-0.5"});
+
+    std::string file = Record({"--tcp", where, "--target", "RS232 Port 2"}, recording);
 
     ASSERT_FALSE(file.empty());
     CMatFile mat(file);
