@@ -175,7 +175,6 @@ bool CRecorder::RefuseEqualLevels()
     if (m_Settings.dLevel1 != m_Settings.dLevel2)
         return false;
     Ui::Current().MessageBox(m_pScopeWnd, kEqualLevelsText, kScopeCaption, MB_OK | MB_ICONERROR);
-    m_sLastError = kEqualLevelsText;
     g_nRecorderAbort = 1;
     return true;
 }
@@ -195,7 +194,6 @@ int CRecorder::StartRecording()
         m_nStartMode = mode;
         return mode;
     } catch (CCommunication::CExceptionComm& e) {
-        m_sLastError = e.FillMessage();
         Post(m_pScopeWnd, kMsgRecStartFailed, 0);
         e.ReportError(m_pFrameWnd);
         Post(m_pScopeWnd, kMsgRecStartFailed, 1);
@@ -289,7 +287,6 @@ int CRecorder::WaitForRecording()
             g_nRecorderTriggerSeen = 0;
         } else if (state == kStateIdle && sr != 0) {
             // Idle with a live status word: the recorder was stopped or never started.
-            m_sLastError = kNotReadyText;
             ShowError(kNotReadyText);
             return 0;
         }
@@ -322,7 +319,6 @@ int CRecorder::Upload()
             return 0;
         if (result != 0) {
             Trace::Printf("The return of ReadVecRecord is %d\n", result);
-            m_sLastError = kCorruptedText;
             ShowError(kCorruptedText);
             return 0;
         }

@@ -161,7 +161,9 @@ public:
     const std::string& GetScopeFile() const { return m_sScopeFile; }
     /// Seconds between two recorded samples, as phase 4 asked the drive.
     double GetSampleTime() const { return m_dSampleTime; }
-    /// Why the last phase failed, in the link's or the file's words.
+    /// What lies behind the last phase's "Recorder Problem" (the link's
+    /// failure) or "Matlab storage failed" (the file and why); empty when
+    /// the phase's own message says it all.
     const std::string& LastError() const { return m_sLastError; }
 
     /// Tests poll faster than a drive needs.

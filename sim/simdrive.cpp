@@ -420,7 +420,7 @@ int CSimDrive::Impl::Assign(const SimCommand& command)
             setup.dLowLevel = Value("RP", 5);
             setup.nEdges = static_cast<unsigned>(Value("RP", 6));
             setup.nEvents = static_cast<unsigned>(Value("RP", 7));
-            if (int error = recorder.Start(setup))
+            if (int error = recorder.Start(setup, Snapshot()))
                 return error;
         }
     }

@@ -50,7 +50,7 @@ std::uint32_t FloatBits(float value)
 
 } // namespace
 
-int CSimRecorder::Start(const SimRecorderSetup& setup)
+int CSimRecorder::Start(const SimRecorderSetup& setup, const SimSnapshot& now)
 {
     if (setup.nMask == 0 || setup.nMask >= (1u << kRecorderSlots))
         return 20;
@@ -99,7 +99,8 @@ int CSimRecorder::Start(const SimRecorderSetup& setup)
     m_arPre.clear();
     m_nRecorded = 0;
     m_nGapCounter = 0;
-    m_bHavePrevious = false;
+    m_bHavePrevious = true;
+    m_dPrevious = SignalValue(now, triggerSignal);
     m_bBeginMotion = false;
     m_nTriggerIndex = 0;
     if (type == kTrigNone) {

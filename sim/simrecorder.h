@@ -46,8 +46,10 @@ struct SimRecorderSetup {
 class CSimRecorder {
 public:
     /// Checks setup and starts; returns 0 or the drive error (20 bad mask,
-    /// 21 slot not mapped, 22 bad trigger set-up).
-    int Start(const SimRecorderSetup& setup);
+    /// 21 slot not mapped, 22 bad trigger set-up). now holds the signals at
+    /// the start: the drive samples them all the time, so an edge between
+    /// the start and the first recorder sample still fires the trigger.
+    int Start(const SimRecorderSetup& setup, const SimSnapshot& now);
     /// Stops; a recording in progress is discarded, a complete one is kept.
     void Stop();
     int State() const { return m_nState; }

@@ -1,7 +1,7 @@
-// `tessitor record` end to end: the virtual drive over a pseudo-terminal and
-// a loopback network device, each trigger kind as a real recording read back
-// from the MAT file; and the failures a user must see, against a scripted
-// drive.
+// `tessitor record` end to end: the virtual drive over a pseudo-terminal, a
+// loopback network device and an SLCAN bus, each trigger kind as a real
+// recording read back from the MAT file; and the failures a user must see,
+// against a scripted drive.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -122,6 +122,21 @@ TEST_F(RecordCliTest, BreNolDriveOverTcpRecordsTheMove)
     EXPECT_EQ(mat.Text("family"), "BreNol");
     ExpectMoveTo4000(mat, 2, 3);
     EXPECT_EQ(device.Stop(), 0);
+}
+
+TEST_F(RecordCliTest, BeginMotionOverCanRecordsTheMove)
+{
+    CBackgroundProcess bus({TessitorPath(), "sim", "--slcan", "--node", "3"});
+    std::string path = bus.FirstLine();
+    ASSERT_EQ(path.rfind("/dev/pts/", 0), 0u) << path;
+
+    std::string file = Record({"--can", "slcan:" + path, "--node", "3"}, kMove);
+
+    ASSERT_FALSE(file.empty());
+    CMatFile mat(file);
+    EXPECT_EQ(mat.Rows(), 800u) << "one record a signal holds the whole recording";
+    ExpectMoveTo4000(mat, 2, 3);
+    EXPECT_EQ(bus.Stop(), 0);
 }
 
 TEST_F(RecordCliTest, LevelWindowAndEventTriggersFireWhereTheyShould)
