@@ -79,15 +79,6 @@ CCommunicationInfo CDatFile::GetCommunicationInfo() const
 
 int CDatFile::DecodeParams(const std::string& text, std::vector<std::uint8_t>& bytes, std::size_t capacity)
 {
-    auto digit = [](char c) {
-        if (c >= '0' && c <= '9')
-            return c - '0';
-        if (c >= 'a' && c <= 'f')
-            return c - 'a' + 10;
-        if (c >= 'A' && c <= 'F')
-            return c - 'A' + 10;
-        return -1;
-    };
     bytes.clear();
     int high = -1;
     for (char c : text) {
@@ -96,7 +87,7 @@ int CDatFile::DecodeParams(const std::string& text, std::vector<std::uint8_t>& b
         // Checked before each character: capacity + 1 bytes still fit.
         if (bytes.size() > capacity)
             return 0;
-        int d = digit(c);
+        int d = HexDigit(c);
         if (d < 0)
             return -1;
         if (high < 0) {

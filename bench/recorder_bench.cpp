@@ -135,7 +135,7 @@ static void BM_RecorderUploadSlcan1000(benchmark::State& state)
     info.mBaudRateIndex = 7; // 1000 kbit/s
     CCan link(info);
     if (link.Connect() != 0) {
-        state.SkipWithError(("cannot open the bus: " + link.ConnectError()).c_str());
+        state.SkipWithError(("cannot open the bus: " + link.GetConnectError()).c_str());
         return;
     }
     std::unique_ptr<CRecorder> rec = Recorded(link);

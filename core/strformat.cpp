@@ -54,4 +54,29 @@ std::string Escaped(std::string_view bytes)
     return text;
 }
 
+int HexDigit(char c)
+{
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    return -1;
+}
+
+bool ReadHex(std::string_view text, std::size_t at, std::size_t digits, std::uint32_t& value)
+{
+    if (at > text.size() || digits > text.size() - at)
+        return false;
+    value = 0;
+    for (std::size_t i = 0; i < digits; ++i) {
+        int digit = HexDigit(text[at + i]);
+        if (digit < 0)
+            return false;
+        value = value << 4 | static_cast<std::uint32_t>(digit);
+    }
+    return true;
+}
+
 } // namespace tessitor

@@ -2,6 +2,8 @@
 
 #include <bit>
 
+#include "core/strformat.h"
+
 namespace tessitor {
 
 namespace {
@@ -12,31 +14,6 @@ constexpr std::uint32_t kBhFloatType = 3;
 constexpr std::uint32_t kBhShortDigits = 4;
 constexpr std::uint32_t kBhLongDigits = 8;
 
-int HexDigit(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
-// The hex number of count characters at pos, in 32 bits (a longer field
-// keeps its last eight digits); false at a character that is no hex digit.
-bool Hex(const std::string& text, std::size_t pos, std::size_t count, std::uint32_t& value)
-{
-    value = 0;
-    for (std::size_t i = pos; i < pos + count; ++i) {
-        int digit = HexDigit(text[i]);
-        if (digit < 0)
-            return false;
-        value = value << 4 | static_cast<std::uint32_t>(digit);
-    }
-    return true;
-}
-
 } // namespace
 
 bool CVector::Decode(const std::string& text, std::vector<double>& samples, BhHeader* header)
@@ -45,8 +22,8 @@ bool CVector::Decode(const std::string& text, std::vector<double>& samples, BhHe
         return false;
     BhHeader h;
     std::uint32_t scaleBits = 0;
-    if (!Hex(text, 0, 2, h.nDataType) || !Hex(text, 2, 2, h.nDigits) || !Hex(text, 4, 4, h.nCount)
-        || !Hex(text, 8, 4, h.nFourth) || !Hex(text, 12, 8, scaleBits))
+    if (!ReadHex(text, 0, 2, h.nDataType) || !ReadHex(text, 2, 2, h.nDigits) || !ReadHex(text, 4, 4, h.nCount)
+        || !ReadHex(text, 8, 4, h.nFourth) || !ReadHex(text, 12, 8, scaleBits))
         return false;
     h.fScale = std::bit_cast<float>(scaleBits);
     const std::size_t digits = h.nDigits;
@@ -61,7 +38,7 @@ bool CVector::Decode(const std::string& text, std::vector<double>& samples, BhHe
     samples.reserve(samples.size() + h.nCount);
     for (std::size_t n = 0; n < h.nCount; ++n) {
         std::uint32_t raw = 0;
-        Hex(text, kHeaderChars + n * digits, digits, raw);
+        ReadHex(text, kHeaderChars + n * digits, digits, raw);
         if (h.nDataType <= kBhLastIntegerType) {
             std::int32_t integer;
             if (h.nDigits == kBhShortDigits)

@@ -8,31 +8,6 @@ namespace {
 // "T" + 8 id digits + length + 16 data digits + a 4-digit time stamp, with room.
 constexpr std::size_t kLongestLine = 64;
 
-int HexDigit(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    return -1;
-}
-
-bool ReadHex(const std::string& text, std::size_t at, std::size_t digits, std::uint32_t& value)
-{
-    if (at + digits > text.size())
-        return false;
-    value = 0;
-    for (std::size_t i = 0; i < digits; ++i) {
-        int digit = HexDigit(text[at + i]);
-        if (digit < 0)
-            return false;
-        value = value << 4 | static_cast<std::uint32_t>(digit);
-    }
-    return true;
-}
-
 } // namespace
 
 std::string BitRateCommand(std::uint8_t bitRateIndex)
