@@ -116,7 +116,27 @@ public:
         if (m_fd >= 0)
             ::close(m_fd);
     }
-    void Send(const std::string& b) { ASSERT_EQ(::write(m_fd, b.data(), b.size()), static_cast<ssize_t>(b.size())); }
+    /// Writes all of b; what the drive echoes meanwhile is kept for the next read,
+    /// so a long line cannot stall on a full buffer while the drive's echo waits for us.
+    void Send(const std::string& b)
+    {
+        std::size_t sent = 0;
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (sent < b.size() && std::chrono::steady_clock::now() < deadline) {
+            pollfd p{m_fd, POLLIN | POLLOUT, 0};
+            if (::poll(&p, 1, 100) <= 0)
+                continue;
+            char c;
+            while ((p.revents & POLLIN) && ::read(m_fd, &c, 1) == 1)
+                m_pending += c;
+            if (p.revents & POLLOUT) {
+                ssize_t n = ::write(m_fd, b.data() + sent, b.size() - sent);
+                if (n > 0)
+                    sent += static_cast<std::size_t>(n);
+            }
+        }
+        ASSERT_EQ(sent, b.size()) << "the line took only part of the bytes";
+    }
     /// Bytes until one of more than skip bytes is end, or until timeoutMs passed
     /// (with end '\0' and skip SIZE_MAX: everything that arrives within timeoutMs).
     std::string ReadUntil(char end, std::size_t skip, int timeoutMs = 5000)
@@ -139,6 +159,12 @@ private:
     std::string Read(Done done, int timeoutMs)
     {
         std::string got;
+        while (!m_pending.empty()) {
+            got += m_pending.front();
+            m_pending.erase(0, 1);
+            if (done(got))
+                return got;
+        }
         auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
         for (auto now = std::chrono::steady_clock::now(); now < deadline; now = std::chrono::steady_clock::now()) {
             pollfd p{m_fd, POLLIN, 0};
@@ -156,6 +182,7 @@ private:
     }
 
     int m_fd = -1;
+    std::string m_pending;
 };
 
 /// The frame "ID#DATA" names ("605#4008100000000000", "705#R" a remote request).
