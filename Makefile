@@ -1,5 +1,5 @@
 # Entry points for a fresh Debian 12 machine; each installs what it needs.
-.PHONY: bootstrap build demo test bench clean
+.PHONY: bootstrap build demo test bench fuzz clean
 
 bootstrap:
 	@scripts/bootstrap.sh
@@ -24,6 +24,23 @@ test: bootstrap
 
 bench: build
 	./build/release/bench/tessitor_bench
+
+# Each libFuzzer target for FUZZ_SECONDS, from its seeds (fuzz/corpus/T) with
+# its dictionary (fuzz/T.dict); new inputs and findings stay in build/fuzz.
+FUZZ_SECONDS ?= 60
+FUZZ_TARGETS ?= simdrive communicationinfo netframe application
+fuzz:
+	@scripts/bootstrap.sh fuzz
+	cmake --preset fuzz
+	cmake --build --preset fuzz
+	@for t in $(FUZZ_TARGETS); do \
+	    mkdir -p build/fuzz/corpus/$$t build/fuzz/findings; \
+	    dict=; [ -f fuzz/$$t.dict ] && dict=-dict=fuzz/$$t.dict; \
+	    seeds=; [ -d fuzz/corpus/$$t ] && seeds=fuzz/corpus/$$t; \
+	    echo "fuzz: $$t for $(FUZZ_SECONDS) s"; \
+	    ./build/fuzz/fuzz/$${t}_fuzz -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
+	        -artifact_prefix=build/fuzz/findings/$$t- $$dict build/fuzz/corpus/$$t $$seeds || exit 1; \
+	done
 
 clean:
 	rm -rf build

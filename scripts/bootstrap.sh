@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
 # Installs the Debian packages Tessitor builds with. Safe to run again:
-# it installs only what is missing.
+# it installs only what is missing. "bootstrap.sh fuzz" adds what the
+# libFuzzer targets need (clang 16 and its runtimes; Debian 12's clang 14
+# lacks std::source_location), which the tests do not.
 set -euo pipefail
 packages=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev
           libcli11-dev libedit-dev libmatio-dev
           qemu-system-x86 busybox-static cpio xz-utils) # the SocketCAN tier in qemu
+[ "${1:-}" = fuzz ] && packages+=(clang-16 libclang-rt-16-dev)
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
