@@ -6,6 +6,7 @@
 #include <tuple>
 
 #include "sim/simimage.h"
+#include "sim/simfaults.h"
 #include "sim/simmotor.h"
 #include "sim/simversiondb.h"
 #include "tests/sim/simtesthelpers.h"
@@ -212,4 +213,19 @@ TEST_F(SimDriveTest, AJogLeftAloneForAnHourIsWhereItShouldBe)
     EXPECT_NEAR(position, 50000.0 * 3600 - 1250, 10) << "the ramp-up to 50000 at 1e6 costs 1250 counts";
     EXPECT_NEAR(N("PX"), position, 200) << "the limit switch stopped it at once";
     EXPECT_EQ(SR() & 0xC0, 0x80u) << "no motion, in target";
+}
+
+TEST(SimFaultsTest, TheFirstMatchingRuleDecidesAndSpentRulesGo)
+{
+    CSimFaults faults;
+    for (const char* rule : {"drop:/SR:once", "error:2:7", "delay:/S:100"})
+        faults.Add(CSimFaults::Parse(rule));
+
+    EXPECT_EQ(faults.Next("SR").eKind, FaultKind::kDrop) << "first of two that match";
+    FaultRule second = faults.Next("PX");
+    EXPECT_EQ(faults.Next("SR").eKind, FaultKind::kDelay) << "the :once rule is spent";
+    EXPECT_EQ(faults.Next("PX").eKind, FaultKind::kNone) << "the rule for command 2 is spent";
+
+    EXPECT_EQ(second.eKind, FaultKind::kDriveError);
+    EXPECT_EQ(second.nErrorNumber, 7);
 }

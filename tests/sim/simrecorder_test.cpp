@@ -2,6 +2,8 @@
 // time, triggers, and "BH" uploads in the layout a client decodes.
 #include <gtest/gtest.h>
 
+#include <vector>
+
 #include "tests/sim/simtesthelpers.h"
 
 using namespace tessitor::sim;
@@ -116,4 +118,36 @@ TEST_F(SimRecorderTest, LevelTriggerKeepsThePreTriggerPart)
     EXPECT_LT(u.arSamples[49], 2000);
     EXPECT_GE(u.arSamples[50], 2000);
     EXPECT_NEAR(u.arSamples[199], 4000, 2) << "the move has ended within the recording";
+}
+
+// Each other trigger kind fires at its own event, and not before.
+TEST_F(SimRecorderTest, FallingWindowEventAndBeginMotionTriggers)
+{
+    struct Case {
+        const char* sName;
+        std::vector<const char*> arSetUp; // before RR=3, with the motor at 4000 after a move
+        std::vector<const char*> arFire;
+    };
+    const Case cases[] = {
+        {"falling", {"RP[3]=3", "RP[4]=2000"}, {"PA=0", "BG"}},
+        {"window", {"RP[3]=4", "RP[4]=4500", "RP[5]=3500"}, {"PA=0", "BG"}},
+        {"event", {"RP[3]=5", "RP[6]=1", "RP[7]=1"}, {"IP=1"}},
+        {"begin motion", {"RP[3]=1"}, {"PR=10", "BG"}},
+    };
+    for (const Case& c : cases) {
+        MakeDrive("Talvina");
+        Do({"MO=1", "PA=4000", "BG"});
+        Wait(0.5);
+        Do({"RC=1", "RL=100", "RG=10", "RP[1]=1", "RP[2]=10"});
+        for (const char* command : c.arSetUp)
+            V(command);
+        V("RR=3");
+        Wait(0.2);
+        EXPECT_EQ(RecorderState(), 1) << c.sName << ": waits while nothing happens";
+        for (const char* command : c.arFire)
+            V(command);
+        Wait(0.5);
+        EXPECT_EQ(RecorderState(), 2) << c.sName;
+        EXPECT_EQ(V("RP[10]"), "10") << c.sName;
+    }
 }
