@@ -370,7 +370,9 @@ void RegisterRecordCommand(CLI::App& app, CCliContext& context)
     sub->require_subcommand(0, 1);
     sub->add_option("--signal", options->arSignals,
                     "A signal to record, one display each, in order (default: the first two mapped slots)")
-        ->type_name("NAME");
+        ->type_name("NAME")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     sub->add_option("--trigger", options->sTrigger,
                     "Trigger list row: \"Begin Motion\", \"Digital Input 3\", a signal name, ... "
                     "(default \"(No Trigger)\")")
@@ -390,7 +392,9 @@ void RegisterRecordCommand(CLI::App& app, CCliContext& context)
                     "Part of the recording before the trigger, with its % sign (default 0%)")
         ->type_name("PERCENT%");
     sub->add_option("--run", options->arRun, "A command to send once the recorder is armed (repeatable)")
-        ->type_name("CMD");
+        ->type_name("CMD")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     sub->add_option("--out", options->sOut, "The scope data file to write (default Scope.sdv)")->type_name("FILE.sdv");
     sub->add_option("--csv", options->sCsv, "Also write the columns as CSV with a header line")->type_name("FILE");
     sub->add_option("--wait", options->dWait,
@@ -404,16 +408,16 @@ void RegisterRecordCommand(CLI::App& app, CCliContext& context)
                 "On success stdout gets one line: the file and its sample count. Ctrl-C stops the\n"
                 "drive's recorder (RR=0) and exits with status 1.\n\n"
                 "Levels: a rising edge crosses --level2, a falling edge --level1; the window trigger\n"
-                "fires outside --level1..--level2, which must differ. --pretrigger takes what the\n"
-                "level field shows, e.g. 25%: its last character is dropped and 25 is sent (RP[2]=25).\n\n"
+                "fires outside --level1..--level2, which must differ. --pretrigger takes the percentage\n"
+                "with its sign, e.g. 25%: the sign is dropped and 25 is sent (RP[2]=25).\n\n"
                 "Exit status: 0 saved; 1 the drive has no recorder, refused the set-up, did not record\n"
                 "within --wait, or the upload or the file failed; 2 wrong usage (an unknown trigger row\n"
                 "or signal lists those there are).\n\n"
                 "Examples:\n"
                 "  tessitor --sim record --trigger \"Begin Motion\" --signal Position --signal Velocity \\\n"
-                "      --run PA=4000 --run BG --out move.sdv\n"
+                "      --gap 3 --run MO=1 --run PA=4000 --run BG --out move.sdv\n"
                 "  tessitor record --serial /dev/ttyUSB0 --trigger Velocity --level2 5000 --length 2000 \\\n"
-                "      --pretrigger 25% --run \"JV=20000\" --run BG --csv jog.csv\n"
+                "      --pretrigger 25% --run MO=1 --run JV=20000 --run BG --csv jog.csv\n"
                 "  tessitor --sim record list\n"
                 "  tessitor --sim record map 8=\"Analog Input 1\" 9=none");
 
