@@ -15,8 +15,7 @@
 
 #include "applicationeditor/datfile.h"
 #include "applicationeditor/productmethods.h"
-#include "communication/rs232.h"
-#include "sim/simserialserver.h"
+#include "bench/pacedserialdrive.h"
 
 using namespace tessitor;
 
@@ -129,13 +128,9 @@ static void BM_AppImagePaced115200(benchmark::State& state)
 {
     const unsigned baud = 115200;
     const bool down = state.range(0) == 1;
-    auto drive = std::make_shared<sim::CSimDrive>("Talvina");
-    sim::CSimSerialServer server(drive);
-    server.SetPace(baud);
-    server.Start();
-    CRs232 link{CCommunicationInfo{}};
-    link.SetDevicePath(server.SlavePath());
-    if (link.Connect() != 0) {
+    bench::CPacedSerialDrive drive(baud);
+    CRs232& link = drive.link;
+    if (!drive.bConnected) {
         state.SkipWithError("cannot open the pseudo-terminal");
         return;
     }

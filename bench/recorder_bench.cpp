@@ -11,9 +11,8 @@
 #include <thread>
 
 #include "can/can.h"
-#include "communication/rs232.h"
+#include "bench/pacedserialdrive.h"
 #include "recorder/recorder.h"
-#include "sim/simserialserver.h"
 #include "sim/simslcanserver.h"
 
 using namespace tessitor;
@@ -99,24 +98,19 @@ void Upload(benchmark::State& state, CRecorder& rec, double limitSeconds)
 
 static void BM_RecorderUploadPaced115200(benchmark::State& state)
 {
-    auto drive = std::make_shared<sim::CSimDrive>("Talvina");
-    sim::CSimSerialServer server(drive);
-    server.SetPace(kBaud);
-    server.Start();
-    CRs232 link{CCommunicationInfo{}};
-    link.SetDevicePath(server.SlavePath());
-    if (link.Connect() != 0) {
+    bench::CPacedSerialDrive drive(kBaud);
+    if (!drive.bConnected) {
         state.SkipWithError("cannot open the pseudo-terminal");
         return;
     }
-    std::unique_ptr<CRecorder> rec = Recorded(link);
+    std::unique_ptr<CRecorder> rec = Recorded(drive.link);
     if (!rec) {
         state.SkipWithError("the drive did not record");
         return;
     }
     Upload(state, *rec, SerialDriveBytes() / (kBaud / static_cast<double>(kBitsPerByte)));
     rec.reset();
-    link.Disconnect();
+    drive.link.Disconnect();
 }
 BENCHMARK(BM_RecorderUploadPaced115200)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(2);
 
