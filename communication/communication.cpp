@@ -274,13 +274,17 @@ std::int32_t CCommunication::CheckLink()
 void CCommunication::Identify()
 {
     std::string reply;
+    m_sVersion.clear();
     try {
-        SendCommandGetReply("VR", reply, kIdentifyTimeoutMs);
+        // A link may answer without a reply (the network device's -2).
         std::string message;
-        m_sVersion = CheckDriveError("VR", reply, message) ? "Unknown version" : ReplyValue("VR", reply);
+        if (SendCommandGetReply("VR", reply, kIdentifyTimeoutMs) == 0 && !reply.empty()
+            && !CheckDriveError("VR", reply, message))
+            m_sVersion = ReplyValue("VR", reply);
     } catch (const CExceptionComm&) {
-        m_sVersion = "Unknown version";
     }
+    if (m_sVersion.empty())
+        m_sVersion = "Unknown version";
     char product[65] = {};
     if (std::sscanf(m_sVersion.c_str(), "%64s", product) != 1)
         product[0] = '\0';
