@@ -183,8 +183,38 @@ std::string CCommunicationInfo::ToLine() const
     return line;
 }
 
-bool CCommunicationInfo::FromLine(const std::string& line)
+std::string CCommunicationInfo::TextFieldError() const
 {
+    const struct {
+        const char* pName;
+        const std::string& sText;
+        size_t nMax;
+    } fields[] = {{"the communication type", m_sCommType, kMaxAdapterText},
+                  {"the adapter maker", sManufacture, kMaxAdapterText},
+                  {"the adapter board", sBoardType, kMaxAdapterText},
+                  {"the target text", sDesc, kMaxTargetText}};
+    for (const auto& field : fields) {
+        if (field.sText.size() > field.nMax)
+            return StrFormat("%s is longer than %zu characters", field.pName, field.nMax);
+        for (char c : field.sText) {
+            // Blanks travel as 0x01, ";" separates the fields, the line ends
+            // at a line break and is read trimmed: none of these may be text.
+            const auto b = static_cast<unsigned char>(c);
+            if (b < 0x20 || b == 0x7F || c == ';')
+                return StrFormat("%s holds %s, which the one-line form cannot carry", field.pName,
+                                 c == ';' ? "\";\"" : StrFormat("the byte 0x%02X", b).c_str());
+        }
+    }
+    return {};
+}
+
+bool CCommunicationInfo::FromLine(const std::string& line, std::string* why)
+{
+    auto malformed = [why](std::string text) {
+        if (why)
+            *why = std::move(text);
+        return false;
+    };
     // The fields are separated by " ; " and each string is one word (blanks
     // travel as 0x01), so splitting at ';' reads exactly what ToLine wrote,
     // an empty target text included.
@@ -198,7 +228,7 @@ bool CCommunicationInfo::FromLine(const std::string& line)
         start = semicolon + 1;
     }
     if (pieces.size() < 17 || pieces[0].empty())
-        return false;
+        return malformed("it does not have the 17 fields of the one-line form");
     auto stripPrefix = [](std::string& piece, const char* prefix) {
         std::string p(prefix);
         if (piece.compare(0, p.size(), p) != 0)
@@ -207,7 +237,7 @@ bool CCommunicationInfo::FromLine(const std::string& line)
         return true;
     };
     if (!stripPrefix(pieces[1], "COM:") || !stripPrefix(pieces[7], "CAN:"))
-        return false;
+        return malformed("its \"COM:\" or \"CAN:\" field is missing");
 
     CCommunicationInfo read = *this;
     read.m_sCommType = FromWord(pieces[0]);
@@ -217,11 +247,11 @@ bool CCommunicationInfo::FromLine(const std::string& line)
     long values[17] = {};
     for (int index : kNumeric)
         if (!ParseLong(pieces[static_cast<size_t>(index)], values[index]))
-            return false;
+            return malformed(StrFormat("field %d is not a number", index + 1));
     unsigned ip[4];
     char tail = 0;
     if (std::sscanf(pieces[14].c_str(), "%u.%u.%u.%u%c", &ip[0], &ip[1], &ip[2], &ip[3], &tail) != 4)
-        return false;
+        return malformed("its IPv4 address is not four numbers");
     read.nPort = static_cast<std::uint8_t>(values[1]);
     read.wBaudRate = static_cast<std::uint32_t>(values[2]);
     read.bByteSize = static_cast<std::uint8_t>(values[3]);
@@ -246,9 +276,11 @@ bool CCommunicationInfo::FromLine(const std::string& line)
         if (std::sscanf(pieces[17].c_str(), "%8" SCNx32 "-%4hx-%4hx-%2hhx%2hhx-%2hhx%2hhx%2hhx%2hhx%2hhx%2hhx", &g.Data1,
                         &g.Data2, &g.Data3, &d[0], &d[1], &d[2], &d[3], &d[4], &d[5], &d[6], &d[7])
             != 11)
-            return false;
+            return malformed("its adapter device identifier is malformed");
         read.guidDevice = g;
     }
+    if (std::string error = read.TextFieldError(); !error.empty())
+        return malformed(error);
     *this = read;
     return true;
 }

@@ -70,8 +70,16 @@ struct CCommunicationInfo {
 
     /// The one-line form; blanks inside strings are written as 0x01.
     std::string ToLine() const;
-    /// Reads the one-line form; false (and this unchanged) when malformed.
-    bool FromLine(const std::string& line);
+    /// Reads the one-line form; false (and this unchanged) when malformed
+    /// or when a text field could not be written back equal; why (may be
+    /// null) then says what is wrong.
+    bool FromLine(const std::string& line, std::string* why = nullptr);
+    /// Empty when every text field (type, adapter maker and board, target)
+    /// can travel in the one-line form and read back equal; else why not
+    /// ("the target text holds the byte 0x00, which the one-line form
+    /// cannot carry"). Control bytes and ";" cannot, nor text beyond a
+    /// field's length (31 characters, the target text 127).
+    std::string TextFieldError() const;
     /// Reads the keyed form of a "StartFromZAS" command line; keys that are
     /// missing leave their fields as they are.
     void FromKeyedLine(const std::string& line);

@@ -12,9 +12,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::string text(reinterpret_cast<const char*>(data), size);
     tessitor::CCommunicationInfo info;
     if (info.FromLine(text)) {
+        // What was read must be written back readable, and read back equal.
         tessitor::CCommunicationInfo back;
-        if (!back.FromLine(info.ToLine()))
-            __builtin_trap(); // what was read must be written back readable
+        if (!back.FromLine(info.ToLine()) || back.ToLine() != info.ToLine() || !info.TextFieldError().empty())
+            __builtin_trap();
         (void)info.GetDisplayText();
         info.SetNameWithShortName("fuzz");
     }

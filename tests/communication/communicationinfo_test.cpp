@@ -218,6 +218,42 @@ TEST(CommunicationInfo, MalformedLinesAreRefusedAndChangeNothing)
     EXPECT_EQ(legacy.nPort, 5);
 }
 
+TEST(CommunicationInfo, TextFieldsThatCouldNotBeReadBackEqualAreRefused)
+{
+    // Reproducers of the descriptor fuzz target: each line read, written
+    // and read again must give the same descriptor, or be refused.
+    const std::string head = "TCP ; COM: 1 ; 19200 ; 8 ; 0 ; 0 ; 0 ; CAN: 1 ; IXXAT ; ";
+    const std::pair<std::string, std::string> bad[] = {
+        {head + "B ; 0 ; 6 ; 0 ; 0 ; 10.0.0.2 ; RS232" + std::string(1, '\0') + "Port ; 0",
+         "the target text holds the byte 0x00, which the one-line form cannot carry"},
+        {head + "B\x1B[2J ; 0 ; 6 ; 0 ; 0 ; 10.0.0.2 ; T ; 0",
+         "the adapter board holds the byte 0x1B, which the one-line form cannot carry"},
+        {head + "B ; 0 ; 6 ; 0 ; 0 ; 10.0.0.2 ; " + std::string(128, 'T') + " ; 0",
+         "the target text is longer than 127 characters"},
+    };
+    for (const auto& [line, error] : bad) {
+        CCommunicationInfo info;
+        std::string why;
+        EXPECT_FALSE(info.FromLine(line, &why)) << line;
+        EXPECT_EQ(why, error);
+    }
+
+    CCommunicationInfo typed; // as the command line fills it
+    typed.sDesc = "RS232 Port 1;";
+    EXPECT_EQ(typed.TextFieldError(), "the target text holds \";\", which the one-line form cannot carry");
+    typed.sDesc = "RS232\x01Port 1";
+    EXPECT_EQ(typed.TextFieldError(), "the target text holds the byte 0x01, which the one-line form cannot carry");
+
+    CCommunicationInfo good;
+    std::string line = head + "USB\x01Stick ; 0 ; 6 ; 0 ; 0 ; 10.0.0.2 ; RS232\x01Port\x01" "1 ; 0";
+    ASSERT_TRUE(good.FromLine(line));
+    CCommunicationInfo back;
+    ASSERT_TRUE(back.FromLine(good.ToLine()));
+    EXPECT_EQ(back.ToLine(), good.ToLine());
+    EXPECT_EQ(back.sBoardType, "USB Stick");
+    EXPECT_TRUE(back.TextFieldError().empty());
+}
+
 TEST(CommunicationInfo, KeyedFormFillsTheFieldsOfItsType)
 {
     CCommunicationInfo can;
