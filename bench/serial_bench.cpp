@@ -11,12 +11,11 @@
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <termios.h>
-#include <time.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <string>
 
+#include "bench/benchturns.h"
 #include "bench/serialfloorclient.h"
 #include "communication/rs232.h"
 
@@ -83,39 +82,6 @@ private:
     pid_t m_nPid = -1;
 };
 
-double ProcessCpuSeconds()
-{
-    timespec now{};
-    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
-}
-
-double WallSeconds()
-{
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-
-struct Totals {
-    double dWall = 0;
-    double dCpu = 0;
-    std::int64_t nCommands = 0;
-};
-
-// Runs batch commands through send(), adding its wall and CPU time to totals.
-template <class Send>
-bool Batch(Totals& totals, int batch, Send send)
-{
-    double wall = WallSeconds();
-    double cpu = ProcessCpuSeconds();
-    for (int i = 0; i < batch; ++i)
-        if (!send())
-            return false;
-    totals.dCpu += ProcessCpuSeconds() - cpu;
-    totals.dWall += WallSeconds() - wall;
-    totals.nCommands += batch;
-    return true;
-}
-
 } // namespace
 
 static void BM_SerialLinkAgainstFloor(benchmark::State& state)
@@ -134,16 +100,15 @@ static void BM_SerialLinkAgainstFloor(benchmark::State& state)
         return;
     }
     constexpr int kBatch = 200;
-    Totals floorTotals, linkTotals;
+    bench::CTurns floorTurns, linkTurns;
     std::string reply;
     std::string value;
     auto floorCommand = [&] { return floor.Command("PX\r", reply) && reply == "PX\r1234;"; };
     auto linkCommand = [&] { return link.SendCommandGetValue("PX", value, 1000) == 0 && value == "1234"; };
     bool linkFirst = false;
     for (auto _ : state) {
-        // Taking turns spreads the machine's changing load over both alike.
-        bool ok = linkFirst ? Batch(linkTotals, kBatch, linkCommand) && Batch(floorTotals, kBatch, floorCommand)
-                            : Batch(floorTotals, kBatch, floorCommand) && Batch(linkTotals, kBatch, linkCommand);
+        bool ok = linkFirst ? linkTurns.Batch(kBatch, linkCommand) && floorTurns.Batch(kBatch, floorCommand)
+                            : floorTurns.Batch(kBatch, floorCommand) && linkTurns.Batch(kBatch, linkCommand);
         if (!ok) {
             state.SkipWithError("a command failed");
             break;
@@ -151,19 +116,14 @@ static void BM_SerialLinkAgainstFloor(benchmark::State& state)
         linkFirst = !linkFirst;
     }
     link.Disconnect();
-    if (floorTotals.nCommands == 0 || linkTotals.nCommands == 0)
+    if (floorTurns.Commands() == 0 || linkTurns.Commands() == 0)
         return;
-
-    const double floorRate = static_cast<double>(floorTotals.nCommands) / floorTotals.dWall;
-    const double linkRate = static_cast<double>(linkTotals.nCommands) / linkTotals.dWall;
-    const double floorCpu = floorTotals.dCpu / static_cast<double>(floorTotals.nCommands) * 1e6;
-    const double linkCpu = linkTotals.dCpu / static_cast<double>(linkTotals.nCommands) * 1e6;
-    state.counters["floor_cmd/s"] = floorRate;
-    state.counters["link_cmd/s"] = linkRate;
-    state.counters["throughput_ratio"] = linkRate / floorRate;
-    state.counters["floor_cpu_us/cmd"] = floorCpu;
-    state.counters["link_cpu_us/cmd"] = linkCpu;
-    state.counters["cpu_ratio"] = linkCpu / floorCpu;
+    state.counters["floor_cmd/s"] = floorTurns.Rate();
+    state.counters["link_cmd/s"] = linkTurns.Rate();
+    state.counters["throughput_ratio"] = linkTurns.Rate() / floorTurns.Rate();
+    state.counters["floor_cpu_us/cmd"] = floorTurns.CpuMicroseconds();
+    state.counters["link_cpu_us/cmd"] = linkTurns.CpuMicroseconds();
+    state.counters["cpu_ratio"] = linkTurns.CpuMicroseconds() / floorTurns.CpuMicroseconds();
 }
 BENCHMARK(BM_SerialLinkAgainstFloor)->UseRealTime()->MinTime(4.0)->Unit(benchmark::kMillisecond);
 
