@@ -44,13 +44,11 @@ void CTCP::SetOption(std::int32_t /*option*/)
 
 void CTCP::SetHost(const std::string& host)
 {
-    std::lock_guard lock(m_csLink);
     m_sHost = host.size() >= 2 && host.front() == '[' && host.back() == ']' ? host.substr(1, host.size() - 2) : host;
 }
 
 std::string CTCP::Address() const
 {
-    std::lock_guard lock(m_csLink);
     if (!m_sHost.empty())
         return m_sHost;
     char text[32];

@@ -41,6 +41,7 @@ public:
 
     /// Connects to host (a name, an IPv4 or IPv6 address, brackets
     /// allowed) instead of the descriptor's IPv4 address; "" restores it.
+    /// Set before Connect, so that DeviceName() never waits for a command.
     void SetHost(const std::string& host);
     /// The time-out, in ms, the requests of Connect (the drive list and
     /// opening the drive) get under the command time-out's rules.

@@ -20,6 +20,7 @@
 #include "core/trace.h"
 #include "core/ui.h"
 #include "tests/support/scriptedpeer.h"
+#include "tests/support/tracecapture.h"
 
 using namespace tessitor;
 using tessitor::test::CScriptedPeer;
@@ -51,23 +52,6 @@ protected:
         }
         ADD_FAILURE() << "nothing was thrown";
         return Exc(0, nullptr, -100);
-    }
-
-    // The trace written while fn runs.
-    template <class Fn>
-    static std::string Traced(Fn fn)
-    {
-        std::FILE* file = std::tmpfile();
-        Trace::SetStream(file);
-        fn();
-        Trace::SetStream(nullptr);
-        std::rewind(file);
-        std::string text;
-        char chunk[4096];
-        while (size_t n = std::fread(chunk, 1, sizeof chunk, file))
-            text.append(chunk, n);
-        std::fclose(file);
-        return text;
     }
 
     std::string Value(const std::string& command, std::uint32_t timeoutMs = 2000)
@@ -115,7 +99,7 @@ TEST_F(Rs232Test, ValuesAndAssignmentsCrossTheWire)
         return CScriptedPeer::Answer(line, "");
     });
 
-    std::string traced = Traced([&] { EXPECT_EQ(Value("PX"), "1234"); });
+    std::string traced = test::TraceOf([&] { EXPECT_EQ(Value("PX"), "1234"); });
     EXPECT_EQ(Value("KP[2]"), "5.500");
     EXPECT_EQ(Value("MO=1"), ";") << "no value: one character is taken";
     std::string reply;
@@ -410,7 +394,8 @@ TEST_F(Rs232Test, RecordingIsUploadedInChunksAndAChunkThatDoesNotDecodeIsAskedFo
     store.nRefuse = 1;
     test::CPostCounter progress;
 
-    std::string traced = Traced([&] { EXPECT_EQ(m_pLink->UploadRecordedData(250, 3, store, &progress, nullptr), 0); });
+    std::string traced =
+        test::TraceOf([&] { EXPECT_EQ(m_pLink->UploadRecordedData(250, 3, store, &progress, nullptr), 0); });
     EXPECT_EQ(store.arChunks, (std::vector<std::string>{"chunk 0-99", "chunk 100-199", "chunk 200-249"}));
     EXPECT_EQ(m_Peer.Count("BH=3\r"), 4) << "the refused chunk was asked for once more";
     EXPECT_EQ(m_Peer.Count("RP[8]=0\r"), 1) << "a repeat sends BH alone";
@@ -564,7 +549,7 @@ TEST_F(Rs232Test, DisconnectFromAnotherThreadEndsAWaitingCommand)
     // Idle, the watch thread waits in poll() on the port: closing releases it.
     ASSERT_EQ(m_pLink->Connect(), 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    std::string traced = Traced([&] { m_pLink->Disconnect(); });
+    std::string traced = test::TraceOf([&] { m_pLink->Disconnect(); });
     EXPECT_NE(traced.find("The thread CommWatchThread has exited with code 13\n"), std::string::npos) << traced;
 }
 
