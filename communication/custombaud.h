@@ -11,8 +11,8 @@ namespace tessitor {
 
 /// A port's whole line set-up, opaque outside this file.
 struct SavedLineSettings {
-    std::array<unsigned char, 64> abRaw{};
-    bool bValid = false; ///< false until SaveLineSettings succeeded
+    std::array<unsigned char, 64> abRaw{}; ///< the kernel's termios2, as read
+    bool bValid = false;                   ///< false until SaveLineSettings succeeded
 };
 
 /// Sets both directions of fd to baud; 0 or an errno value.
