@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <future>
@@ -227,6 +228,30 @@ TEST_F(Rs232Test, RepliesThatDoNotEndAtTheirOnlyTerminatorAreBadData)
     m_Peer.SetHandler([](const std::string& line) { return line + "1234"; });
     Exc silent = Thrown([&] { Value("PY", kShortTimeoutMs); });
     EXPECT_EQ(silent.m_nErrorCode, COM_TIMEOUT) << "without any terminator the reply never completes";
+}
+
+TEST_F(Rs232Test, DrippingDriveFailsWithinTheRequestsTimeOut)
+{
+    // Each byte comes well within the time-out, the whole answer far
+    // beyond it: the deadline is the request's, not each read's.
+    // The flag outlives this test's frame: the peer may still be dripping.
+    auto stop = std::make_shared<std::atomic<bool>>(false);
+    m_Peer.SetHandler([this, stop](const std::string& line) {
+        if (m_Peer.Count(line) == 1)
+            for (char byte : CScriptedPeer::Answer(line, std::string(60, '7'))) {
+                if (*stop)
+                    break;
+                m_Peer.SendRaw(std::string(1, byte));
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            }
+        return std::string();
+    });
+
+    Exc e = Thrown([&] { Value("PX", 250); });
+    *stop = true;
+
+    EXPECT_EQ(e.m_nErrorCode, COM_TIMEOUT);
+    EXPECT_TRUE(m_pLink->IsTimeoutLatched());
 }
 
 TEST_F(Rs232Test, CommandLengthLimit)
@@ -491,6 +516,31 @@ TEST_F(Rs232Test, PortIsTakenExclusivelyConfiguredAsMappedAndGivenBackAsFound)
     EXPECT_EQ(xonXoff.c_cflag & kept, CMSPAR | CSTOPB) << "space parity, two stop bits";
     EXPECT_EQ(xonXoff.c_iflag & (IXON | IXOFF | IXANY), IXON | IXOFF);
     EXPECT_EQ(value, "9");
+}
+
+TEST_F(Rs232Test, EveryParityAndStopBitCodeLandsInTermiosAsMapped)
+{
+    m_pLink->Disconnect();
+    struct Case {
+        std::uint8_t bParity, bStopBits;
+        tcflag_t cflag; // as a pseudo-terminal keeps it: without PARENB
+    };
+    const Case cases[] = {{0, 0, 0}, {1, 1, PARODD | CSTOPB}, {2, 2, CSTOPB}, {3, 0, CMSPAR | PARODD},
+                          {4, 1, CMSPAR | CSTOPB}};
+    for (const Case& c : cases) {
+        CCommunicationInfo info;
+        info.bParity = c.bParity;
+        info.bStopBits = c.bStopBits;
+        CRs232 link(info);
+        link.SetDevicePath(m_Peer.Path());
+
+        ASSERT_EQ(link.Connect(), 0);
+        termios line = m_Peer.Line();
+        link.Disconnect();
+
+        EXPECT_EQ(line.c_cflag & (PARODD | CMSPAR | CSTOPB), c.cflag) << "parity code " << int(c.bParity);
+        EXPECT_EQ((line.c_iflag & INPCK) != 0, c.bParity != 0) << "parity code " << int(c.bParity);
+    }
 }
 
 TEST(Rs232Open, RefusesWhatIsNotATerminalAndNamesTheFailure)

@@ -95,6 +95,8 @@ TEST_F(TcpDevice, RefusalsFaultsAndBrokenFramesReachTheCallerAndTheLinkConnectsA
     link->Disconnect();
     int third = link->Connect();
     std::string healthy = Value(*link, "SP");
+    Fault(FaultKind::kWrongFunctionId, "VR");
+    link->Identify(); // its reply comes back empty
 
     EXPECT_EQ(kErrSrcTcpLink, refused.m_nErrorSource);
     EXPECT_EQ(-1, refused.m_nErrorCode);
@@ -130,6 +132,7 @@ TEST_F(TcpDevice, RefusalsFaultsAndBrokenFramesReachTheCallerAndTheLinkConnectsA
               half.FillMessage());
     EXPECT_EQ(0, third);
     EXPECT_EQ("100000", healthy);
+    EXPECT_EQ("Unknown version", link->GetVersionText());
     EXPECT_EQ(3, m_Server.AcceptedCount());
 }
 

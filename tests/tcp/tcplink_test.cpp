@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <mutex>
 #include <thread>
 
 #include "communication/tcp.h"
@@ -116,6 +117,39 @@ TEST(TcpLink, ConnectFailuresSayWhichRequestFailedAndHow)
                   "Opening \"RS232 Port 1\" on the network device HOST failed: TCP/IP Fault. The network device "
                   "closed the connection."}),
               errors);
+}
+
+TEST(TcpLink, LongCommandsGetTheirOwnTimeOutsWhateverTheCallerAsked)
+{
+    // Each request carries its time-out on the wire: the device notes them.
+    std::mutex mutex;
+    std::vector<std::string> seen;
+    test::CTcpScriptedPeer peer([&](test::CPeerConnection& c, const NetFrameHeader& h, const std::string& body) {
+        if (h.nFunctionId != kNetFnCommand && h.nFunctionId != kNetFnRawReply)
+            return test::ScriptedDevice(c, h, body);
+        const bool raw = h.nFunctionId == kNetFnRawReply;
+        const std::string command = body.substr(raw ? 8 : 4);
+        {
+            std::lock_guard lock(mutex);
+            seen.push_back(command + " " + std::to_string(NetGetU32(body.data())));
+        }
+        c.Reply(h.nFunctionId, 0, raw ? command + body[4] : "");
+    });
+    CTCP link(TcpInfo("RS232 Port 1"), peer.Port());
+    ASSERT_EQ(0, link.Connect());
+    link.SetProcessorType("DSP");
+    std::string reply;
+
+    for (auto [command, timeoutMs] : std::vector<std::pair<std::string, std::uint32_t>>{
+             {"SG", 100}, {"SV", 60000}, {"BH=1", 60000}, {"bh=1", 100}, {"DL##MAIN\\", 100}, {"SGX", 123}})
+        link.SendCommand(command, reply, timeoutMs, 0);
+    link.SendCommandGetValue("SV", reply, 100);
+    link.SendCommandGetValue("BH=2", reply, 60000);
+
+    std::lock_guard lock(mutex);
+    EXPECT_EQ((std::vector<std::string>{"SG\r 50000", "SV\r 50000", "BH=1\r 5000", "bh=1\r 5000",
+                                        "DL##MAIN\\ 5000", "SGX\r 123", "SV 50000", "BH=2 5000"}),
+              seen);
 }
 
 TEST(TcpLink, ReachesAHostByItsIpv6Address)
