@@ -1,32 +1,150 @@
 #include "core/settings.h"
 
 #include <cerrno>
-#include <cstdio>
+#include <csignal>
 #include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
 #include <filesystem>
-#include <fstream>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "core/strformat.h"
 
 namespace tessitor {
+namespace {
+
+constexpr int kMaxSymlinkHops = 40;
+constexpr char kTempSuffix[] = ".tmp";
+
+// The name a save gives its new content before the rename:
+// ".<file>.<pid>.tmp" beside the file. A run killed between naming and
+// renaming leaves it behind; the next save recognises it by its pid.
+std::string TempName(const std::string& file, pid_t pid)
+{
+    return "." + file + "." + std::to_string(pid) + kTempSuffix;
+}
+
+// Removes temporary files of earlier saves whose process is gone.
+void RemoveStaleTemps(const std::string& dir, const std::string& file)
+{
+    DIR* d = ::opendir(dir.c_str());
+    if (!d)
+        return;
+    const std::string prefix = "." + file + ".";
+    while (dirent* entry = ::readdir(d)) {
+        std::string name = entry->d_name;
+        if (name.size() <= prefix.size() + std::strlen(kTempSuffix) || name.compare(0, prefix.size(), prefix) != 0
+            || !name.ends_with(kTempSuffix))
+            continue;
+        std::string digits = name.substr(prefix.size(), name.size() - prefix.size() - std::strlen(kTempSuffix));
+        if (digits.find_first_not_of("0123456789") != std::string::npos || digits.size() > 9)
+            continue;
+        pid_t pid = static_cast<pid_t>(std::atol(digits.c_str()));
+        if (pid > 0 && ::kill(pid, 0) != 0 && errno == ESRCH)
+            ::unlinkat(::dirfd(d), name.c_str(), 0);
+    }
+    ::closedir(d);
+}
+
+// The file a path finally names, following symbolic links (a dangling link
+// names the file it would point to).
+std::filesystem::path FinalTarget(const std::filesystem::path& path)
+{
+    std::filesystem::path target = path;
+    for (int hop = 0; hop < kMaxSymlinkHops; ++hop) {
+        std::error_code ec;
+        if (!std::filesystem::is_symlink(std::filesystem::symlink_status(target, ec)))
+            break;
+        std::filesystem::path next = std::filesystem::read_symlink(target, ec);
+        if (ec)
+            break;
+        target = next.is_absolute() ? next : target.parent_path() / next;
+    }
+    return target.lexically_normal();
+}
+
+bool WriteAll(int fd, const std::string& bytes)
+{
+    size_t done = 0;
+    while (done < bytes.size()) {
+        ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+} // namespace
 
 Settings::Settings(std::string path) : m_sPath(std::move(path))
 {
-    std::ifstream in(m_sPath);
-    std::string line, section;
-    while (std::getline(in, line)) {
-        line = Trim(line);
-        if (line.empty() || line[0] == ';' || line[0] == '#')
-            continue;
-        if (line.front() == '[' && line.back() == ']') {
-            section = line.substr(1, line.size() - 2);
-            continue;
+    // O_NONBLOCK: a FIFO at this path must not hold the program up.
+    int fd = ::open(m_sPath.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0) {
+        if (errno != ENOENT)
+            m_sLoadError = "settings file " + m_sPath + ": " + std::strerror(errno);
+        return;
+    }
+    struct stat st {};
+    std::string content;
+    if (::fstat(fd, &st) != 0) {
+        m_sLoadError = "settings file " + m_sPath + ": " + std::strerror(errno);
+    } else if (!S_ISREG(st.st_mode)) {
+        m_sLoadError = "settings file " + m_sPath + " is not a regular file";
+    } else {
+        char chunk[8192];
+        for (;;) {
+            ssize_t n = ::read(fd, chunk, sizeof chunk);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n < 0) {
+                m_sLoadError = "settings file " + m_sPath + ": " + std::strerror(errno);
+                break;
+            }
+            if (n == 0)
+                break;
+            content.append(chunk, static_cast<size_t>(n));
+            if (content.size() > kMaxFileBytes) {
+                m_sLoadError = StrFormat("settings file %s is larger than %zu bytes", m_sPath.c_str(), kMaxFileBytes);
+                break;
+            }
         }
-        size_t eq = line.find('=');
-        if (eq == std::string::npos)
-            continue;
-        m_mapValues[section][Trim(line.substr(0, eq))] = Trim(line.substr(eq + 1));
+    }
+    ::close(fd);
+    if (m_sLoadError.empty())
+        Parse(content);
+}
+
+void Settings::Parse(const std::string& content)
+{
+    std::string section;
+    size_t start = 0;
+    while (start < content.size()) {
+        size_t end = content.find('\n', start);
+        Line line;
+        line.sText = content.substr(start, end == std::string::npos ? std::string::npos : end - start);
+        start = end == std::string::npos ? content.size() : end + 1;
+        if (m_arLines.empty())
+            m_bCrLf = !line.sText.empty() && line.sText.back() == '\r';
+        std::string trimmed = Trim(line.sText);
+        if (!trimmed.empty() && trimmed.front() == '[' && trimmed.back() == ']') {
+            section = trimmed.substr(1, trimmed.size() - 2);
+            line.bHeader = true;
+        }
+        line.sSection = section;
+        size_t eq = line.sText.find('=');
+        if (!line.bHeader && !trimmed.empty() && trimmed[0] != ';' && trimmed[0] != '#' && eq != std::string::npos) {
+            line.sKey = Trim(line.sText.substr(0, eq));
+            line.nValueStart = line.sText.find_first_not_of(" \t", eq + 1);
+            if (line.nValueStart == std::string::npos)
+                line.nValueStart = line.sText.size();
+        }
+        m_arLines.push_back(std::move(line));
     }
 }
 
@@ -51,15 +169,21 @@ Settings Settings::User()
     return Settings(UserPath());
 }
 
+const Settings::Line* Settings::Find(const std::string& section, const std::string& key) const
+{
+    // A key written twice counts with its last line, as the old readers did.
+    for (auto it = m_arLines.rbegin(); it != m_arLines.rend(); ++it)
+        if (!it->sKey.empty() && it->sKey == key && it->sSection == section)
+            return &*it;
+    return nullptr;
+}
+
 std::optional<std::string> Settings::Get(const std::string& section, const std::string& key) const
 {
-    auto s = m_mapValues.find(section);
-    if (s == m_mapValues.end())
+    const Line* line = Find(section, key);
+    if (!line)
         return std::nullopt;
-    auto k = s->second.find(key);
-    if (k == s->second.end())
-        return std::nullopt;
-    return k->second;
+    return Trim(line->sText.substr(line->nValueStart));
 }
 
 std::string Settings::GetString(const std::string& section, const std::string& key, const std::string& fallback) const
@@ -77,34 +201,118 @@ int Settings::GetInt(const std::string& section, const std::string& key, int fal
 
 void Settings::Set(const std::string& section, const std::string& key, const std::string& value)
 {
-    m_mapValues[section][key] = value;
+    // A line break in a value would end the line: it is stored as a blank.
+    std::string flat = value;
+    for (char& c : flat)
+        if (c == '\n' || c == '\r')
+            c = ' ';
+    const std::string eol = m_bCrLf ? "\r" : "";
+    if (Line* line = const_cast<Line*>(Find(section, key))) {
+        line->sText = line->sText.substr(0, line->nValueStart) + flat + eol;
+        return;
+    }
+    Line added{key + "=" + flat + eol, section, key, false, key.size() + 1};
+    size_t after = m_arLines.size();
+    for (size_t i = 0; i < m_arLines.size(); ++i)
+        if (m_arLines[i].sSection == section && (m_arLines[i].bHeader || !m_arLines[i].sKey.empty()))
+            after = i + 1;
+    if (after < m_arLines.size() || (!m_arLines.empty() && m_arLines.back().sSection == section)) {
+        m_arLines.insert(m_arLines.begin() + static_cast<std::ptrdiff_t>(after), added);
+        return;
+    }
+    if (!m_arLines.empty() && !Trim(m_arLines.back().sText).empty())
+        m_arLines.push_back(Line{eol, m_arLines.back().sSection, "", false, 0});
+    m_arLines.push_back(Line{"[" + section + "]" + eol, section, "", true, 0});
+    m_arLines.push_back(added);
 }
 
-bool Settings::Save() const
+void Settings::Remove(const std::string& section, const std::string& key)
 {
-    std::error_code ec;
-    std::filesystem::path target(m_sPath);
-    if (target.has_parent_path())
-        std::filesystem::create_directories(target.parent_path(), ec);
-    std::string temp = m_sPath + ".tmp." + std::to_string(::getpid());
-    {
-        std::ofstream out(temp, std::ios::trunc);
-        if (!out)
-            return false;
-        for (const auto& [section, keys] : m_mapValues) {
-            out << '[' << section << "]\n";
-            for (const auto& [key, value] : keys)
-                out << key << '=' << value << '\n';
-            out << '\n';
-        }
-        if (!out.flush())
-            return false;
+    std::erase_if(m_arLines,
+                  [&](const Line& line) { return !line.sKey.empty() && line.sKey == key && line.sSection == section; });
+}
+
+bool Settings::Fail(const std::string& why, int error)
+{
+    m_sSaveError = "cannot write settings file " + m_sPath + ": " + why;
+    errno = error;
+    return false;
+}
+
+bool Settings::Save()
+{
+    m_sSaveError.clear();
+    if (!m_sLoadError.empty())
+        return Fail("it could not be read, so it is left as it is (" + m_sLoadError + ")", EINVAL);
+    const std::filesystem::path target = FinalTarget(m_sPath);
+    const std::string dir = target.has_parent_path() ? target.parent_path().string() : ".";
+    const std::string file = target.filename().string();
+
+    struct stat old {};
+    const bool exists = ::stat(target.c_str(), &old) == 0;
+    if (exists && !S_ISREG(old.st_mode))
+        return Fail("not a regular file", EINVAL);
+    // The mode bits are the user's word even where root could write anyway.
+    if (exists && ((old.st_mode & 0222) == 0 || ::access(target.c_str(), W_OK) != 0))
+        return Fail("the file is read-only; it is left as it is", EACCES);
+    if (!exists) {
+        std::error_code ec;
+        std::filesystem::create_directories(dir, ec);
     }
-    if (std::rename(temp.c_str(), m_sPath.c_str()) != 0) {
-        int saved = errno;
-        std::remove(temp.c_str());
-        errno = saved;
-        return false;
+    RemoveStaleTemps(dir, file);
+
+    std::string content;
+    for (const Line& line : m_arLines)
+        content += line.sText + "\n";
+
+    // An unnamed file cannot be left behind by a killed run; it gets its
+    // name only when its content is complete and on the disk.
+    const std::string temp = dir + "/" + TempName(file, ::getpid());
+    bool unnamed = true;
+    int fd = ::open(dir.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666);
+    if (fd < 0) {
+        unnamed = false;
+        ::unlink(temp.c_str());
+        fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    }
+    if (fd < 0)
+        return Fail(std::string("cannot make a file in ") + dir + ": " + std::strerror(errno), errno);
+    bool written = WriteAll(fd, content);
+    int error = errno;
+    if (written && exists) {
+        ::fchmod(fd, old.st_mode & 07777);
+        if (::geteuid() == 0 && (old.st_uid != 0 || old.st_gid != 0)) {
+            [[maybe_unused]] int ignored = ::fchown(fd, old.st_uid, old.st_gid);
+        }
+    }
+    if (written && ::fsync(fd) != 0) {
+        written = false;
+        error = errno;
+    }
+    if (written && unnamed) {
+        std::string proc = "/proc/self/fd/" + std::to_string(fd);
+        ::unlink(temp.c_str());
+        if (::linkat(AT_FDCWD, proc.c_str(), AT_FDCWD, temp.c_str(), AT_SYMLINK_FOLLOW) != 0) {
+            written = false;
+            error = errno;
+        }
+    }
+    if (::close(fd) != 0 && written) {
+        written = false;
+        error = errno;
+    }
+    if (!written) {
+        ::unlink(temp.c_str());
+        return Fail(std::strerror(error), error);
+    }
+    if (::rename(temp.c_str(), target.c_str()) != 0) {
+        error = errno;
+        ::unlink(temp.c_str());
+        return Fail(std::strerror(error), error);
+    }
+    if (int d = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); d >= 0) {
+        ::fsync(d);
+        ::close(d);
     }
     return true;
 }
