@@ -284,7 +284,7 @@ void CCommunication::Identify()
     } catch (const CExceptionComm&) {
     }
     if (m_sVersion.empty())
-        m_sVersion = "Unknown version";
+        m_sVersion = kUnknownVersion;
     char product[65] = {};
     if (std::sscanf(m_sVersion.c_str(), "%64s", product) != 1)
         product[0] = '\0';

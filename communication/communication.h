@@ -149,10 +149,15 @@ public:
     /// The value part of a reply to command: echo, CR, value, terminator.
     static std::string ExtractValue(const std::string& command, const std::string& reply);
 
+    /// The version text when "VR" got no answer or a refusal.
+    static constexpr char kUnknownVersion[] = "Unknown version";
+
     /// Asks "VR", stores the version text and the processor type, and warns
     /// about "BreNol" products unless the user turned the warning off.
     virtual void Identify();
     const std::string& GetVersionText() const { return m_sVersion; }
+    /// True when the last Identify got the drive's version.
+    bool IsIdentified() const { return !m_sVersion.empty() && m_sVersion != kUnknownVersion; }
     /// "DSP", "STP", "BreNol", or "" before identification / for unknown products.
     const std::string& GetProcessorType() const { return m_sProcessorType; }
     void SetProcessorType(const std::string& type) { m_sProcessorType = type; }

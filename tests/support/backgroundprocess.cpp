@@ -1,17 +1,22 @@
 #include "tests/support/backgroundprocess.h"
 
+#include "tests/support/process.h"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-extern char** environ;
-
 namespace tessitor::test {
 
-CBackgroundProcess::CBackgroundProcess(const std::vector<std::string>& args)
+CBackgroundProcess::CBackgroundProcess(const std::vector<std::string>& args, const std::vector<std::string>& env)
 {
+    std::vector<std::string> envStrings = EnvironmentWith(env);
+    std::vector<char*> envp;
+    for (auto& e : envStrings)
+        envp.push_back(e.data());
+    envp.push_back(nullptr);
     std::vector<std::string> copy = args;
     std::vector<char*> argv;
     for (auto& a : copy)
@@ -23,7 +28,7 @@ CBackgroundProcess::CBackgroundProcess(const std::vector<std::string>& args)
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    if (::posix_spawn(&m_nPid, argv[0], &actions, nullptr, argv.data(), environ) != 0)
+    if (::posix_spawn(&m_nPid, argv[0], &actions, nullptr, argv.data(), envp.data()) != 0)
         m_nPid = -1;
     posix_spawn_file_actions_destroy(&actions);
     ::close(out[1]);

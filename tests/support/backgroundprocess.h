@@ -11,8 +11,8 @@ namespace tessitor::test {
 
 class CBackgroundProcess {
 public:
-    /// Starts args[0] with args; stdout is kept for FirstLine.
-    explicit CBackgroundProcess(const std::vector<std::string>& args);
+    /// Starts args[0] with args and extra environment; stdout is kept for FirstLine.
+    explicit CBackgroundProcess(const std::vector<std::string>& args, const std::vector<std::string>& env = {});
     /// Kills the program if it still runs.
     ~CBackgroundProcess();
     CBackgroundProcess(const CBackgroundProcess&) = delete;

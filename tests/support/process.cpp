@@ -20,8 +20,17 @@ std::string TessitorPath()
     return path && *path ? path : TESSITOR_TEST_BIN;
 }
 
+std::vector<std::string> EnvironmentWith(const std::vector<std::string>& extra)
+{
+    std::vector<std::string> entries;
+    for (char** e = environ; *e; ++e)
+        entries.emplace_back(*e);
+    entries.insert(entries.end(), extra.begin(), extra.end());
+    return entries;
+}
+
 ProcessResult RunProcess(const std::vector<std::string>& args, const std::vector<std::string>& env,
-                         const std::string& input, int timeoutMs)
+                         const std::string& input, int timeoutMs, const std::vector<int>& closedFds)
 {
     ProcessResult result;
     int in[2], out[2], err[2];
@@ -32,15 +41,14 @@ ProcessResult RunProcess(const std::vector<std::string>& args, const std::vector
     posix_spawn_file_actions_adddup2(&actions, in[0], 0);
     posix_spawn_file_actions_adddup2(&actions, out[1], 1);
     posix_spawn_file_actions_adddup2(&actions, err[1], 2);
+    for (int fd : closedFds)
+        posix_spawn_file_actions_addclose(&actions, fd);
 
     std::vector<char*> argv;
     for (const auto& a : args)
         argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
-    std::vector<std::string> envStrings;
-    for (char** e = environ; *e; ++e)
-        envStrings.emplace_back(*e);
-    envStrings.insert(envStrings.end(), env.begin(), env.end());
+    std::vector<std::string> envStrings = EnvironmentWith(env);
     std::vector<char*> envp;
     for (auto& e : envStrings)
         envp.push_back(e.data());

@@ -14,8 +14,13 @@ struct ProcessResult {
     std::string sErr;
 };
 
+/// Runs args[0] with args, this environment plus env, and input on stdin.
+/// Descriptors in closedFds (0, 1, 2) are closed in the program instead.
 ProcessResult RunProcess(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
-                         const std::string& input = {}, int timeoutMs = 60000);
+                         const std::string& input = {}, int timeoutMs = 60000, const std::vector<int>& closedFds = {});
+
+/// This process's environment with the NAME=VALUE entries of extra added.
+std::vector<std::string> EnvironmentWith(const std::vector<std::string>& extra);
 
 /// The tessitor executable under test: $TESSITOR_BIN, else the one built here.
 std::string TessitorPath();

@@ -143,7 +143,7 @@ void RegisterAppCommand(CLI::App& app, CCliContext& context)
                     "not fit it (\"Size of this DAT file mismatch of the Version.\"); what could be read is\n"
                     "printed all the same.\n\n"
                     "Examples:\n  tessitor app show drive.dat\n  tessitor app show drive.dat --json");
-    context.SetAction(showCmd, [show] { return ShowApplication(show->sPath, show->bJson); });
+    context.SetAction(showCmd, [show] { return ShowApplication(show->sPath, show->bJson); }, CommandUse::kNothing);
 }
 
 } // namespace tessitor::cli

@@ -148,7 +148,7 @@ void RegisterCanCommand(CLI::App& app, CCliContext& context)
         adapter->RemoveMonitor(monitor);
         adapter->Close();
         return 0;
-    });
+    }, CommandUse::kConnection);
 }
 
 } // namespace tessitor::cli

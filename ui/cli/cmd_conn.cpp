@@ -1,7 +1,8 @@
 // tessitor conn encode|decode|show: the descriptor's text forms.
-#include <cstdio>
+#include <unistd.h>
 
 #include "ui/cli/clicontext.h"
+#include "ui/cli/textforms.h"
 
 namespace tessitor::cli {
 
@@ -11,33 +12,52 @@ void RegisterConnCommand(CLI::App& app, CCliContext& context)
     conn->require_subcommand(1);
 
     CLI::App* encode = conn->add_subcommand("encode", "Print the one-line form of the connection options");
-    encode->footer("Example:\n  tessitor conn encode --serial /dev/ttyUSB0 --baud 57600");
-    context.SetAction(encode, [&context] {
-        if (context.m_Options.m_bSim)
-            throw UsageError("--sim has no one-line form");
-        std::printf("%s\n", context.m_Options.Resolve().first.ToLine().c_str());
-        return 0;
-    });
+    encode->footer("The form holds 0x01 bytes where its strings have blanks. To a pipe or file it is\n"
+                   "written exactly; on a terminal as a $'...' word that a shell pastes back whole.\n"
+                   "--conn and 'conn decode' read either.\n\n"
+                   "Examples:\n"
+                   "  tessitor conn encode --serial /dev/ttyUSB0 --baud 57600\n"
+                   "  tessitor send --conn \"$(tessitor conn encode --last)\" VR");
+    context.SetAction(
+        encode,
+        [&context] {
+            if (context.m_Options.m_bSim)
+                throw UsageError("--sim has no one-line form");
+            std::string line = context.m_Options.Resolve().info.ToLine();
+            PrintValue(::isatty(STDOUT_FILENO) ? ShellQuoted(line) : line);
+            return 0;
+        },
+        CommandUse::kConnection);
 
     auto line = std::make_shared<std::string>();
     CLI::App* decode = conn->add_subcommand("decode", "Read a one-line form and print its display text");
-    decode->add_option("LINE", *line, "The one-line form")->required();
-    context.SetAction(decode, [line] {
-        CCommunicationInfo info;
-        if (!info.FromLine(*line))
-            throw UsageError("malformed one-line form: '" + *line + "'");
-        std::printf("%s\n", info.GetDisplayText().c_str());
-        return 0;
-    });
+    decode->add_option("LINE", *line, "The one-line form, as written or as a $'...' word")->required();
+    decode->footer("Example:\n  tessitor conn decode \"$(tessitor conn encode --serial /dev/ttyS0)\"");
+    context.SetAction(
+        decode,
+        [line] {
+            CCommunicationInfo info;
+            std::string text;
+            if (!ShellUnquoted(*line, text) || !info.FromLine(text))
+                throw UsageError("malformed one-line form: '" + ForMessage(*line) + "'");
+            PrintValue(info.GetDisplayText());
+            return 0;
+        },
+        CommandUse::kNothing);
 
     CLI::App* show = conn->add_subcommand("show", "Print the display text and the short name of the connection");
-    context.SetAction(show, [&context] {
-        if (context.m_Options.m_bSim)
-            throw UsageError("--sim is made anew each time; there is nothing to show");
-        CCommunicationInfo info = context.m_Options.Resolve().first;
-        std::printf("%s\n%s\n", info.GetDisplayText().c_str(), info.GetShortName().c_str());
-        return 0;
-    });
+    show->footer("Example:\n  tessitor conn show --last");
+    context.SetAction(
+        show,
+        [&context] {
+            if (context.m_Options.m_bSim)
+                throw UsageError("--sim is made anew each time; there is nothing to show");
+            CCommunicationInfo info = context.m_Options.Resolve().info;
+            PrintValue(info.GetDisplayText());
+            PrintValue(info.GetShortName());
+            return 0;
+        },
+        CommandUse::kConnection);
 }
 
 } // namespace tessitor::cli

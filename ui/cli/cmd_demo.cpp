@@ -41,7 +41,7 @@ int RunDemo(CCliContext& context)
     using Clock = std::chrono::steady_clock;
     // The same embedded drive as --sim, connected and identified the same way.
     context.m_Options.m_bSim = true;
-    std::unique_ptr<CCommunication> link = context.m_Options.Connect();
+    CCommunication* link = &context.Connect();
     std::printf("Tessitor demo: a virtual %s drive, reached through the serial link\n\n",
                 context.m_Options.m_sProduct.c_str());
     std::printf("1. Connect and identify\n");
@@ -82,7 +82,7 @@ int RunDemo(CCliContext& context)
     sr = std::strtoul(Value(*link, "SR").c_str(), nullptr, 10);
     std::printf("   SR %lu: %s\n\n", sr, StatusText(sr).c_str());
 
-    link->Disconnect();
+    context.Disconnect();
     std::printf("Done: connect, identify, parameters and a motion, with no hardware.\n");
     return 0;
 }
@@ -95,7 +95,7 @@ void RegisterDemoCommand(CLI::App& app, CCliContext& context)
     sub->footer("Runs in a few seconds with no hardware: a virtual drive on a pseudo-terminal,\n"
                 "reached through the serial link. --product chooses the drive (default Talvina).\n\n"
                 "Example:\n  tessitor demo --product Vosk");
-    context.SetAction(sub, [&context] { return RunDemo(context); });
+    context.SetAction(sub, [&context] { return RunDemo(context); }, CommandUse::kProduct);
 }
 
 } // namespace tessitor::cli

@@ -1,41 +1,37 @@
-// tessitor info: identification and link check, "key: value" a line.
-#include <cstdio>
-
+// tessitor info: identification and link check of the drive.
 #include "ui/cli/clicontext.h"
 
 namespace tessitor::cli {
 
-namespace {
-
-const char* LinkCheckMeaning(std::int32_t result)
-{
-    switch (result) {
-    case 1: return "ok";
-    case -2: return "bad reply";
-    default: return "broken";
-    }
-}
-
-} // namespace
-
 void RegisterInfoCommand(CLI::App& app, CCliContext& context)
 {
     CLI::App* sub = app.add_subcommand("info", "Identify the drive and check the link");
-    sub->footer("Prints: connection, version, product, processor, link check.\n\n"
-                "Example:\n  tessitor info --serial /dev/ttyUSB0");
-    context.SetAction(sub, [&context] {
-        auto link = context.m_Options.Connect();
-        const std::string& version = link->GetVersionText();
-        std::string product = version.substr(0, version.find(' '));
-        std::int32_t check = link->CheckLink();
-        std::printf("connection: %s\n", link->GetInfo().GetDisplayText().c_str());
-        std::printf("version: %s\n", version.c_str());
-        std::printf("product: %s\n", product.c_str());
-        std::printf("processor: %s\n", link->GetProcessorType().empty() ? "unknown" : link->GetProcessorType().c_str());
-        std::printf("link check: %s (%d)\n", LinkCheckMeaning(check), check);
-        link->Disconnect();
-        return check == 1 ? 0 : 1;
-    });
+    sub->footer("Prints: connection, device, version, product, processor, link check. Exit status 1\n"
+                "when the drive did not identify itself or the link check failed.\n\n"
+                "Examples:\n"
+                "  tessitor info --serial /dev/ttyUSB0\n"
+                "  tessitor info --tcp 192.168.0.20 --target \"RS232 Port 1\"");
+    context.SetAction(
+        sub,
+        [&context] {
+            CCommunication& link = context.Connect();
+            const std::string& version = link.GetVersionText();
+            PrintValue("connection: " + link.GetInfo().GetDisplayText());
+            PrintValue("device: " + link.DeviceName());
+            PrintValue("version: " + version);
+            PrintValue("product: " + (link.IsIdentified() ? version.substr(0, version.find(' ')) : "unknown"));
+            PrintValue("processor: " + (link.GetProcessorType().empty() ? "unknown" : link.GetProcessorType()));
+            std::string failure;
+            std::int32_t check = context.CheckLink(failure);
+            PrintValue(LinkCheckText(check));
+            if (!link.IsIdentified())
+                throw Failure("tessitor: the drive did not identify itself (VR on " + link.DeviceName() + ")");
+            if (!failure.empty())
+                throw Failure(failure);
+            context.Disconnect();
+            return check == 1 ? 0 : 1;
+        },
+        CommandUse::kConnection);
 }
 
 } // namespace tessitor::cli

@@ -128,8 +128,7 @@ void RegisterSdoCommand(CLI::App& app, CCliContext& context)
         for (std::size_t i = 0; i < objects.size(); i += 2)
             targets.emplace_back(static_cast<std::uint16_t>(ParseNumber(objects[i], 0xFFFF, "index")),
                                  static_cast<std::uint8_t>(ParseNumber(objects[i + 1], 0xFF, "sub-index")));
-        auto link = context.m_Options.Connect(false);
-        CCan& can = CanLink(*link);
+        CCan& can = CanLink(context.Connect(false));
         for (auto [index, sub] : targets) {
             std::string data;
             can.SdoUpload(index, sub, data, context.m_Options.TimeoutMs());
@@ -138,9 +137,9 @@ void RegisterSdoCommand(CLI::App& app, CCliContext& context)
             std::fputc('\n', stdout);
             std::fflush(stdout);
         }
-        link->Disconnect();
+        context.Disconnect();
         return 0;
-    });
+    }, CommandUse::kConnection);
 
     context.SetAction(download, [&context, options] {
         const auto& args = options->arDownload;
@@ -149,12 +148,11 @@ void RegisterSdoCommand(CLI::App& app, CCliContext& context)
         std::string data = options->bHex ? FromHex(args[2]) : args[2];
         if (data.empty())
             throw UsageError("sdo download has nothing to write");
-        auto link = context.m_Options.Connect(false);
         CDownloadProgress progress;
-        CanLink(*link).SdoDownload(index, sub, data, context.m_Options.TimeoutMs(), &progress);
-        link->Disconnect();
+        CanLink(context.Connect(false)).SdoDownload(index, sub, data, context.m_Options.TimeoutMs(), &progress);
+        context.Disconnect();
         return 0;
-    });
+    }, CommandUse::kConnection);
 }
 
 } // namespace tessitor::cli

@@ -1,18 +1,48 @@
-// tessitor send CMD...: each command's value on its own line.
-#include <cstdio>
+// tessitor send CMD... | -f FILE: each command's value on its own line.
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iostream>
 
+#include "core/strformat.h"
 #include "ui/cli/clicontext.h"
+#include "ui/cli/lineeditor.h"
+#include "ui/cli/textforms.h"
 
 namespace tessitor::cli {
 
 namespace {
 
-// An assignment has no value: the drive answers with the terminator alone,
-// which the value extraction hands back as ";". Print an empty line so that
-// line N of the output stays the answer to command N.
-std::string Printable(const std::string& value)
+// The commands of a file ("-" for stdin): one a line, blank lines and
+// lines starting with "#" skipped. Every line is checked before the first
+// command goes out, so a bad line 50 sends nothing at all.
+std::vector<std::string> ReadCommandFile(const std::string& path)
 {
-    return value == ";" ? std::string() : value;
+    std::ifstream file;
+    std::istream* in = &std::cin;
+    const std::string shownPath = path == "-" ? "standard input" : "'" + ForMessage(path) + "'";
+    if (path != "-") {
+        file.open(path);
+        if (!file)
+            throw Failure("tessitor: cannot read " + shownPath + ": " + std::strerror(errno));
+        in = &file;
+    }
+    std::vector<std::string> commands;
+    std::string line;
+    for (int number = 1; ReadLine(*in, line); ++number) {
+        std::string command = Trim(line);
+        if (command.empty() || command[0] == '#')
+            continue;
+        try {
+            RefuseControlBytes(command);
+        } catch (const UsageError& e) {
+            throw UsageError(StrFormat("line %d of %s: %s", number, shownPath.c_str(), e.what()));
+        }
+        commands.push_back(command);
+    }
+    if (in->bad())
+        throw Failure("tessitor: cannot read " + shownPath + ": " + std::strerror(errno));
+    return commands;
 }
 
 } // namespace
@@ -20,25 +50,37 @@ std::string Printable(const std::string& value)
 void RegisterSendCommand(CLI::App& app, CCliContext& context)
 {
     auto commands = std::make_shared<std::vector<std::string>>();
+    auto file = std::make_shared<std::string>();
     CLI::App* sub = app.add_subcommand("send", "Send commands to the drive and print the value of each");
-    sub->add_option("CMD", *commands, "Commands of the drive language, e.g. MO=1 PX \"KP[2]=5\"")->required();
+    sub->add_option("CMD", *commands, "Commands of the drive language, e.g. MO=1 PX \"KP[2]=5\"")->type_name("");
+    CLI::Option* fileOption = sub->add_option(
+        "-f,--file", *file, "Read the commands from FILE ('-': stdin), one a line; blank lines and # lines skipped")
+        ->type_name("FILE");
     sub->footer("Prints one line per command (empty for an assignment). Stops at the first failure:\n"
-                "its message goes to stderr, exit status 1, later commands are not sent.\n\n"
+                "its message goes to stderr, exit status 1, later commands are not sent. A command\n"
+                "holding a control byte (CR, LF, ...) is wrong usage: nothing at all is sent.\n\n"
                 "Examples:\n"
                 "  tessitor send --serial /dev/ttyUSB0 VR SR\n"
-                "  tessitor --sim send MO=1 \"JV=1000\" BG VX");
-    context.SetAction(sub, [&context, commands] {
-        auto link = context.m_Options.Connect();
-        for (const std::string& command : *commands) {
-            std::string value;
-            if (link->SendCommandGetValue(command, value, context.m_Options.TimeoutMs()) != 0)
-                throw CCommunication::CExceptionComm(3, link.get(), kErrSrcSetup);
-            std::printf("%s\n", Printable(value).c_str());
-            std::fflush(stdout);
-        }
-        link->Disconnect();
-        return 0;
-    });
+                "  tessitor --sim send MO=1 \"JV=1000\" BG VX\n"
+                "  tessitor send --last -f setup.txt\n"
+                "  printf 'PX\\nVX\\n' | tessitor send --serial /dev/ttyUSB0 -f -");
+    context.SetAction(
+        sub,
+        [&context, commands, file, fileOption] {
+            if (commands->empty() && fileOption->count() == 0)
+                throw UsageError("give the commands to send, or -f FILE");
+            if (!commands->empty() && fileOption->count() > 0)
+                throw UsageError("give the commands to send or -f FILE, not both");
+            std::vector<std::string> list = fileOption->count() > 0 ? ReadCommandFile(*file) : *commands;
+            for (const std::string& command : list)
+                RefuseControlBytes(command);
+            context.Connect();
+            for (const std::string& command : list)
+                PrintValue(context.Value(command));
+            context.Disconnect();
+            return 0;
+        },
+        CommandUse::kConnection);
 }
 
 } // namespace tessitor::cli

@@ -1,142 +1,275 @@
+#include "ui/cli/connectionoptions.h"
+
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cstdio>
-#include <cstring>
+#include <filesystem>
 #include <netdb.h>
+#include <span>
 #include <sys/socket.h>
 
 #include "communication/netprotocol.h"
 #include "communication/serialportmap.h"
+#include "communication/tcp.h"
 #include "core/settings.h"
-#include "sim/simserialserver.h"
-#include "ui/cli/clicontext.h"
+#include "core/strformat.h"
+#include "ui/cli/clierrors.h"
+#include "ui/cli/textforms.h"
 
 namespace tessitor::cli {
 namespace {
 
 constexpr char kSettingsSection[] = "CommunicationInfo";
 constexpr char kSettingsKey[] = "Last Success Connect";
+// The one-line form has neither a host name, an IPv6 address nor a port:
+// they are kept beside it so that --last reaches the same device.
+constexpr char kSettingsHostKey[] = "Last Success Host";
+constexpr char kSettingsPortKey[] = "Last Success Port";
+constexpr char kSerialPortsSection[] = "SerialPorts";
 
-std::array<std::uint8_t, 4> ResolveIPv4(const std::string& host)
+// Options that mean something only beside certain kinds.
+struct CompanionOption {
+    const char* pszOption;
+    std::vector<const char*> arKinds;
+};
+
+const std::vector<CompanionOption>& Companions()
+{
+    static const std::vector<CompanionOption> companions = {
+        {"--baud", {"--serial", "--sim"}},
+        {"--target", {"--tcp"}},
+        {"--product", {"--sim"}},
+        {"--node", {"--can"}},
+        {"--bitrate", {"--can"}},
+        {"--trace-frames", {"--can"}},
+    };
+    return companions;
+}
+
+// A path whose device comes and goes with one program (a pseudo-terminal,
+// a link some tool made outside /dev): it gets a port number for the
+// one-line form, but no entry in the port map.
+bool IsOneOffPath(const std::string& path)
+{
+    std::string normal = std::filesystem::path(path).lexically_normal().string();
+    return normal.rfind("/dev/", 0) != 0 || normal.rfind("/dev/pts/", 0) == 0 || normal == "/dev/ptmx"
+           || normal == "/dev/tty";
+}
+
+std::array<std::uint8_t, 4> ResolveHost(const std::string& host)
 {
     addrinfo hints{};
-    hints.ai_family = AF_INET;
+    hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* found = nullptr;
     if (int error = ::getaddrinfo(host.c_str(), nullptr, &hints, &found); error != 0 || !found)
-        throw UsageError("cannot resolve host '" + host + "': " + ::gai_strerror(error));
-    std::uint32_t address = ntohl(reinterpret_cast<sockaddr_in*>(found->ai_addr)->sin_addr.s_addr);
+        throw Failure("tessitor: cannot resolve host '" + ForMessage(host) + "': " + ::gai_strerror(error));
+    // The descriptor holds an IPv4 address only; an IPv6 host is carried
+    // by its name beside it.
+    std::array<std::uint8_t, 4> bytes{};
+    for (addrinfo* a = found; a; a = a->ai_next) {
+        if (a->ai_family != AF_INET)
+            continue;
+        std::uint32_t address = ntohl(reinterpret_cast<sockaddr_in*>(a->ai_addr)->sin_addr.s_addr);
+        bytes = {static_cast<std::uint8_t>(address >> 24), static_cast<std::uint8_t>(address >> 16),
+                 static_cast<std::uint8_t>(address >> 8), static_cast<std::uint8_t>(address)};
+        break;
+    }
     ::freeaddrinfo(found);
-    return {static_cast<std::uint8_t>(address >> 24), static_cast<std::uint8_t>(address >> 16),
-            static_cast<std::uint8_t>(address >> 8), static_cast<std::uint8_t>(address)};
+    return bytes;
+}
+
+std::optional<std::uint64_t> ParseNumber(const std::string& text)
+{
+    if (text.empty() || text.size() > 19 || text.find_first_not_of("0123456789") != std::string::npos)
+        return std::nullopt;
+    return std::stoull(text);
+}
+
+// HOST, HOST:PORT, [V6ADDR] or [V6ADDR]:PORT; a bare V6ADDR has no port.
+void SplitHostPort(const std::string& text, std::string& host, std::uint16_t& port)
+{
+    std::string portText;
+    if (!text.empty() && text.front() == '[') {
+        size_t close = text.find(']');
+        if (close == std::string::npos || (close + 1 < text.size() && text[close + 1] != ':'))
+            throw UsageError("bad --tcp '" + ForMessage(text) + "': [ADDRESS]:PORT is expected");
+        host = text.substr(1, close - 1);
+        if (close + 1 < text.size())
+            portText = text.substr(close + 2);
+        else
+            return;
+    } else if (std::count(text.begin(), text.end(), ':') == 1) {
+        size_t colon = text.find(':');
+        host = text.substr(0, colon);
+        portText = text.substr(colon + 1);
+    } else {
+        host = text;
+        return;
+    }
+    auto number = ParseNumber(portText);
+    if (!number)
+        throw UsageError("bad --tcp '" + ForMessage(text) + "': the port is not a number");
+    if (*number < 1 || *number > 65535)
+        throw UsageError("bad --tcp '" + ForMessage(text) + "': the port must be 1 to 65535");
+    port = static_cast<std::uint16_t>(*number);
 }
 
 } // namespace
 
+CLI::Validator NumberIn(std::uint64_t min, std::uint64_t max)
+{
+    return CLI::Validator(
+        [min, max](std::string& text) -> std::string {
+            auto number = ParseNumber(text);
+            if (!number)
+                return "'" + ForMessage(text) + "' is not a number";
+            if (*number < min || *number > max)
+                return StrFormat("%s is out of range %llu to %llu", text.c_str(), static_cast<unsigned long long>(min),
+                                 static_cast<unsigned long long>(max));
+            return {};
+        },
+        StrFormat("%llu..%llu", static_cast<unsigned long long>(min), static_cast<unsigned long long>(max)));
+}
+
 void CConnectionOptions::AddTo(CLI::App& app)
 {
     const char* group = "Connection";
-    app.add_option("--serial", m_sSerialPath, "Serial device path of the drive (e.g. /dev/ttyUSB0)")->group(group);
-    app.add_option("--baud", m_nBaud, "Baud rate of --serial")->default_val(115200)->group(group);
-    app.add_option("--conn", m_sConnLine, "Connection in its one-line form (see 'tessitor conn encode')")
+    app.add_option("--serial", m_sSerialPath, "Serial device path of the drive (e.g. /dev/ttyUSB0)")
+        ->type_name("PATH")
+        ->group(group);
+    app.add_option("--baud", m_nBaud, "Baud rate of --serial (default 115200; rates without a termios constant "
+                                      "are set through the custom-rate path)")
+        ->type_name("N")
+        ->check(NumberIn(kMinBaud, kMaxBaud))
+        ->group(group);
+    app.add_option("--conn", m_sConnLine,
+                   "Connection in its one-line form (see 'tessitor conn encode'; the $'...' form is read too)")
+        ->type_name("LINE")
         ->group(group);
     app.add_flag("--last", m_bLast, "The last connection that succeeded")->group(group);
     app.add_option("--tcp", m_sTcp,
-                   "Network device HOST[:PORT] that serves the drive (port: settings [TCP] Port, else "
+                   "Network device HOST[:PORT] or [IPV6]:PORT that serves the drive (port: settings [TCP] Port, else "
                        + std::to_string(kDefaultTcpPort) + ")")
+        ->type_name("HOST[:PORT]")
         ->group(group);
     app.add_option("--target", m_sTarget, "Drive behind the network device: \"RS232 Port N\" or \"CANopen Bus B NodeID N\"")
+        ->type_name("NAME")
         ->group(group);
     AddCanOptionsTo(app, group);
     app.add_flag("--sim", m_bSim, "A virtual drive in this process, on a pseudo-terminal")->group(group);
-    app.add_option("--product", m_sProduct, "Product of the --sim drive")->default_val("Talvina")->group(group);
-    app.add_option("--timeout", m_nTimeoutMs, "Time-out of each command in milliseconds")
-        ->default_val(1000)
-        ->check(CLI::Range(1u, 3600000u))
+    app.add_option("--product", m_sProduct, "Product of the --sim drive (default Talvina)")
+        ->type_name("NAME")
+        ->group(group);
+    app.add_option("--timeout", m_nTimeoutMs, "Time-out of each command in milliseconds (default 1000)")
+        ->type_name("MS")
+        ->check(NumberIn(1, 3600000))
         ->group(group);
     app.add_flag("--no-echo-check", m_bNoEchoCheck, "Do not check the drive's echo (\"Don't Check Echo\")")
         ->group(group);
-    app.add_flag("--yes", m_bYes, "Answer yes to questions when no terminal is there")->group("Answers");
-    app.add_flag("--no", m_bNo, "Answer no to questions when no terminal is there")->group("Answers");
+    CLI::Option* yes = app.add_flag("--yes", m_bYes, "Answer yes to questions when no terminal is there");
+    yes->group("Answers");
+    app.add_flag("--no", m_bNo, "Answer no to questions when no terminal is there")->group("Answers")->excludes(yes);
+    m_arOptions = app.get_options(
+        [](CLI::Option* o) { return o->get_group() == "Connection" || o->get_group() == "Answers"; });
+}
+
+bool CConnectionOptions::Given(const std::string& option) const
+{
+    for (const CLI::Option* o : m_arOptions)
+        if (o->check_lname(option.substr(2)) && o->count() > 0)
+            return true;
+    return false;
+}
+
+std::vector<std::string> CConnectionOptions::GivenConnectionOptions() const
+{
+    std::vector<std::string> given;
+    for (const CLI::Option* o : m_arOptions)
+        if (o->get_group() == "Connection" && o->count() > 0)
+            given.push_back(o->get_name());
+    return given;
+}
+
+const std::vector<CConnectionOptions::Kind>& CConnectionOptions::Kinds()
+{
+    static const std::vector<Kind> kinds = {
+        {"--serial", &CConnectionOptions::ResolveSerial},
+        {"--can", &CConnectionOptions::ResolveCanKind},
+        {"--conn", &CConnectionOptions::ResolveConnLine},
+        {"--last", &CConnectionOptions::ResolveLast},
+        {"--tcp", &CConnectionOptions::ResolveTcp},
+        {"--sim", &CConnectionOptions::ResolveSim},
+    };
+    return kinds;
+}
+
+bool CConnectionOptions::KindGiven(const Kind& kind) const
+{
+    // m_bSim also stands for a command that runs on the embedded drive itself (demo).
+    return Given(kind.pszOption) || (kind.pResolve == &CConnectionOptions::ResolveSim && m_bSim);
 }
 
 bool CConnectionOptions::AnyGiven() const
 {
-    return !m_sSerialPath.empty() || !m_sConnLine.empty() || m_bLast || !m_sTcp.empty() || m_bSim || !m_sCan.empty();
+    return std::any_of(Kinds().begin(), Kinds().end(), [this](const Kind& kind) { return KindGiven(kind); });
 }
 
-std::pair<CCommunicationInfo, LinkOptions> CConnectionOptions::Resolve()
+ResolvedConnection CConnectionOptions::Resolve()
 {
-    int given = (!m_sSerialPath.empty()) + (!m_sConnLine.empty()) + m_bLast + (!m_sTcp.empty()) + m_bSim
-        + (!m_sCan.empty());
-    if (given == 0)
-        throw UsageError("no connection given: use --serial PATH, --can ADAPTER --node N, --conn LINE, --last, "
-                         "--tcp HOST[:PORT] or --sim");
-    if (given > 1)
-        throw UsageError("give one connection only: --serial, --can, --conn, --last, --tcp or --sim");
-    if (!m_sTarget.empty() && m_sTcp.empty())
-        throw UsageError("--target goes with --tcp");
-    if (m_nNode != 0 && m_sCan.empty())
-        throw UsageError("--node goes with --can");
-
-    CCommunicationInfo info;
-    LinkOptions options;
-    if (!m_sSerialPath.empty() || m_bSim) {
-        info.m_sCommType = "RS_232";
-        info.wBaudRate = m_nBaud;
-        if (!m_sSerialPath.empty()) {
-            Settings settings = Settings::User();
-            info.nPort = static_cast<std::uint8_t>(SerialPortNumberFor(m_sSerialPath, settings));
-            options.sSerialPath = m_sSerialPath;
-        }
-    } else if (!m_sCan.empty()) {
-        ResolveCan(info);
-    } else if (!m_sConnLine.empty()) {
-        if (!info.FromLine(m_sConnLine))
-            throw UsageError("malformed one-line form: '" + m_sConnLine + "'");
-    } else if (m_bLast) {
-        auto line = Settings::User().Get(kSettingsSection, kSettingsKey);
-        if (!line || line->empty())
-            throw UsageError("no connection has succeeded yet, so --last has nothing to use");
-        if (!info.FromLine(*line))
-            throw UsageError("the last connection in " + Settings::UserPath() + " is malformed: '" + *line + "'");
-    } else {
-        std::string host = m_sTcp;
-        if (size_t colon = m_sTcp.rfind(':'); colon != std::string::npos) {
-            host = m_sTcp.substr(0, colon);
-            std::string port = m_sTcp.substr(colon + 1);
-            char* end = nullptr;
-            long number = std::strtol(port.c_str(), &end, 10);
-            if (port.empty() || *end != '\0' || number < 1 || number > 65535)
-                throw UsageError("bad port in --tcp '" + m_sTcp + "'");
-            options.wTcpPort = static_cast<std::uint16_t>(number);
-        }
-        if (m_sTarget.empty())
-            throw UsageError("--tcp needs --target \"RS232 Port N\" or \"CANopen Bus B NodeID N\"");
-        int a = 0, b = 0;
-        info.m_sCommType = "TCP";
-        info.abIP = ResolveIPv4(host);
-        info.sDesc = m_sTarget;
-        info.nType = std::sscanf(m_sTarget.c_str(), "CANopen Bus %d NodeID %d", &a, &b) == 2 ? 1 : 0;
+    std::vector<const Kind*> given;
+    std::string names;
+    for (const Kind& kind : Kinds()) {
+        names += std::string(names.empty() ? "" : ", ") + kind.pszOption;
+        if (KindGiven(kind))
+            given.push_back(&kind);
     }
-    return {info, options};
+    if (given.empty())
+        throw UsageError("no connection given: use one of " + names);
+    if (given.size() > 1)
+        throw UsageError(std::string("give one connection only, not both ") + given[0]->pszOption + " and "
+                         + given[1]->pszOption);
+    const std::string chosen = given[0]->pszOption;
+    for (const CompanionOption& companion : Companions()) {
+        if (!Given(companion.pszOption))
+            continue;
+        if (std::find(companion.arKinds.begin(), companion.arKinds.end(), chosen) != companion.arKinds.end())
+            continue;
+        std::string kindsText;
+        for (const char* kind : companion.arKinds)
+            kindsText += std::string(kindsText.empty() ? "" : " or ") + kind;
+        throw UsageError(std::string(companion.pszOption) + " goes with " + kindsText + ", not with " + chosen);
+    }
+
+    Settings settings = Settings::User();
+    if (!settings.LoadError().empty())
+        throw Failure("tessitor: " + settings.LoadError());
+    ResolvedConnection r = (this->*given[0]->pResolve)(settings);
+    r.options.nTimeoutMs = m_nTimeoutMs;
+    return r;
 }
 
-std::unique_ptr<CCommunication> CConnectionOptions::Connect(bool bIdentify)
+ResolvedConnection CConnectionOptions::ResolveSerial(Settings& settings)
 {
-    auto [info, options] = Resolve();
-    if (m_bSim) {
-        std::shared_ptr<sim::CSimDrive> drive;
-        try {
-            drive = std::make_shared<sim::CSimDrive>(m_sProduct);
-        } catch (const std::invalid_argument& e) {
-            throw UsageError(e.what());
-        }
-        auto server = std::make_shared<sim::CSimSerialServer>(drive);
-        server->Start();
-        options.sSerialPath = server->SlavePath();
-        m_pEmbeddedDrive = server;
-    }
+    if (m_sSerialPath.empty())
+        throw UsageError("--serial needs a device path");
+    ResolvedConnection r;
+    r.info.m_sCommType = "RS_232";
+    r.info.wBaudRate = m_nBaud;
+    r.options.sSerialPath = m_sSerialPath;
+    // The number the port map gives the path, or would give it; whether the
+    // map changed tells a known path from a new one.
+    Settings probe = settings;
+    int port = SerialPortNumberFor(m_sSerialPath, probe);
+    const std::string key = "COM" + std::to_string(port);
+    const bool known = probe.Get(kSerialPortsSection, key) == settings.Get(kSerialPortsSection, key);
+    r.info.nPort = static_cast<std::uint8_t>(port);
+    r.bMapSerialPath = !known && !IsOneOffPath(m_sSerialPath);
+    r.bRememberable = known || r.bMapSerialPath;
+    return r;
+}
 
+<<<<<<< HEAD
     std::unique_ptr<CCommunication> link = CreateLink(info, options);
     link->SetCheckEcho(m_bNoEchoCheck ? 0 : 1);
     link->SetEchoMode(m_bNoEchoCheck ? 1 : 0);
@@ -148,25 +281,88 @@ std::unique_ptr<CCommunication> CConnectionOptions::Connect(bool bIdentify)
         std::string why;
         if (info.GetKind() == kKindTcp || info.GetKind() == kKindTcpKmas)
             why = error == 3 ? "the network device cannot be reached" : "the network device has no drive '" + info.sDesc + "'";
-        else
-            why = std::strerror(error);
-        throw ConnectError("Create Communication Device Fault. " + where + ": " + why);
-    }
-    if (bIdentify)
-        link->Identify();
+=======
+ResolvedConnection CConnectionOptions::ResolveConnLine(Settings&)
+{
+    ResolvedConnection r;
+    std::string line;
+    if (!ShellUnquoted(m_sConnLine, line) || !r.info.FromLine(line))
+        throw UsageError("malformed one-line form: '" + ForMessage(m_sConnLine) + "'");
+    return r;
+}
 
-    if (!m_bSim) {
-        Settings settings = Settings::User();
-        if (!options.sSerialPath.empty())
-            SerialPortNumberFor(options.sSerialPath, settings);
-        // The one-line form has no TCP port: keep the one given so --last finds it.
-        if (options.wTcpPort != 0)
-            settings.Set("TCP", "Port", std::to_string(options.wTcpPort));
-        settings.Set(kSettingsSection, kSettingsKey, info.ToLine());
-        if (!settings.Save())
-            std::fprintf(stderr, "tessitor: cannot write %s: %s\n", settings.Path().c_str(), std::strerror(errno));
+ResolvedConnection CConnectionOptions::ResolveLast(Settings& settings)
+{
+    ResolvedConnection r;
+    auto line = settings.Get(kSettingsSection, kSettingsKey);
+    if (!line || line->empty())
+        throw UsageError("no connection has succeeded yet, so --last has nothing to use");
+    if (!r.info.FromLine(*line))
+        throw Failure("tessitor: the last connection in " + settings.Path() + " is malformed: '" + ForMessage(*line) + "'");
+    if (r.info.GetKind() == kKindTcp || r.info.GetKind() == kKindTcpKmas) {
+        r.options.sTcpHost = settings.GetString(kSettingsSection, kSettingsHostKey);
+                int port = settings.GetInt(kSettingsSection, kSettingsPortKey, 0);
+        if (port > 0 && port <= 65535)
+            r.options.wTcpPort = static_cast<std::uint16_t>(port);
     }
-    return link;
+    return r;
+}
+
+ResolvedConnection CConnectionOptions::ResolveTcp(Settings&)
+{
+    ResolvedConnection r;
+    SplitHostPort(m_sTcp, r.options.sTcpHost, r.options.wTcpPort);
+    if (r.options.sTcpHost.empty())
+        throw UsageError("bad --tcp '" + ForMessage(m_sTcp) + "': the host is missing");
+    if (m_sTarget.empty())
+        throw UsageError("--tcp needs --target \"RS232 Port N\" or \"CANopen Bus B NodeID N\"");
+    int a = 0, b = 0;
+    r.info.m_sCommType = "TCP";
+    r.info.abIP = ResolveHost(r.options.sTcpHost);
+        r.info.sDesc = m_sTarget;
+    r.info.nType = std::sscanf(m_sTarget.c_str(), "CANopen Bus %d NodeID %d", &a, &b) == 2 ? 1 : 0;
+    return r;
+}
+
+ResolvedConnection CConnectionOptions::ResolveCanKind(Settings&)
+{
+    ResolvedConnection r;
+    ResolveCan(r.info);
+    return r;
+}
+
+ResolvedConnection CConnectionOptions::ResolveSim(Settings&)
+{
+    ResolvedConnection r;
+    r.info.m_sCommType = "RS_232";
+    r.info.wBaudRate = m_nBaud;
+    // A virtual drive is made anew each time: there is nothing to reach again.
+    r.bRememberable = false;
+    return r;
+}
+
+void CConnectionOptions::Remember(const ResolvedConnection& r)
+{
+    if (!r.bRememberable)
+        return;
+    // Read again now: another run may have changed the file meanwhile.
+    Settings settings = Settings::User();
+    if (r.bMapSerialPath)
+        SerialPortNumberFor(r.options.sSerialPath, settings);
+    if (r.info.GetKind() == kKindTcp || r.info.GetKind() == kKindTcpKmas) {
+        if (r.options.sTcpHost.empty())
+            settings.Remove(kSettingsSection, kSettingsHostKey);
+>>>>>>> da65661 (Make the tessitor front end careful: no hidden commands, settings only after success, exit statuses, signals, terminal)
+        else
+            settings.Set(kSettingsSection, kSettingsHostKey, r.options.sTcpHost);
+        settings.Set(kSettingsSection, kSettingsPortKey, std::to_string(ResolveTcpPort(r.options.wTcpPort)));
+    } else {
+        settings.Remove(kSettingsSection, kSettingsHostKey);
+        settings.Remove(kSettingsSection, kSettingsPortKey);
+    }
+    settings.Set(kSettingsSection, kSettingsKey, r.info.ToLine());
+    if (!settings.Save())
+        std::fprintf(stderr, "tessitor: %s\n", ForMessage(settings.SaveError(), 400).c_str());
 }
 
 } // namespace tessitor::cli

@@ -1,18 +1,73 @@
 // tessitor: set up, tune and diagnose Ortiva servo drives from a shell.
-// The one catch point: a communication failure becomes its message on
-// stderr and exit status 1; wrong usage exit status 2.
+// The one catch point: a failure becomes its message on stderr and exit
+// status 1; wrong usage exit status 2; SIGINT/SIGTERM/SIGHUP close the link
+// and exit with 128 + the signal.
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include "ui/cli/clicontext.h"
+#include "ui/cli/helpformatter.h"
+#include "ui/cli/signalthread.h"
 #include "ui/cli/terminalui.h"
+#include "ui/cli/textforms.h"
 
 using namespace tessitor;
 using namespace tessitor::cli;
 
+namespace {
+
+constexpr int kExitFailure = 1;
+constexpr int kExitUsage = 2;
+// A message may quote a reply or a settings line; beyond this it is cut.
+constexpr std::size_t kMaxMessageBytes = 600;
+
+// A descriptor 0, 1 or 2 closed at start would be the next one opened: the
+// drive's port would become stdout. /dev/null, opened read-only, takes the
+// place, so that writing to a closed stdout still fails as it should.
+void ReserveStandardDescriptors()
+{
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
+        if (::fcntl(fd, F_GETFD) == -1 && errno == EBADF && ::open("/dev/null", O_RDONLY) != fd)
+            ::_exit(kExitFailure);
+}
+
+void PrintError(const std::string& message)
+{
+    std::fprintf(stderr, "%s\n", ForMessage(message, kMaxMessageBytes, true).c_str());
+}
+
+// "unknown command 'sned'" when the first word is not a command at all.
+bool ReportUnknownCommand(const CLI::App& app, int argc, char** argv)
+{
+    if (!app.get_subcommands().empty())
+        return false;
+    for (int i = 1; i < argc; ++i) {
+        std::string word = argv[i];
+        if (word.empty() || word[0] == '-')
+            continue;
+        std::string names;
+        for (const CLI::App* sub : app.get_subcommands([](const CLI::App*) { return true; }))
+            names += (names.empty() ? "" : ", ") + sub->get_name();
+        PrintError("tessitor: unknown command '" + ForMessage(word) + "' (commands: " + names + ")");
+        return true;
+    }
+    return false;
+}
+
+} // namespace
+
 int main(int argc, char** argv)
 {
+    ReserveStandardDescriptors();
+
+    CCliContext context;
     CLI::App app{"tessitor - set up, tune and diagnose Ortiva servo drives", "tessitor"};
+    app.formatter(std::make_shared<CHelpFormatter>(context));
+    app.set_version_flag("--version", "tessitor " TESSITOR_VERSION);
     app.footer("Examples:\n"
                "  tessitor --sim send VR \"KP[1]\"            a virtual drive, no hardware needed\n"
                "  tessitor send --serial /dev/ttyUSB0 MO=1 PX\n"
@@ -20,14 +75,13 @@ int main(int argc, char** argv)
                "  tessitor --can slcan:/dev/ttyACM0 --node 5 sdo upload 0x1008 0\n"
                "  tessitor term --last\n\n"
                "Exit status: 0 done; 1 the drive or the link failed (the error's message on stderr);\n"
-               "2 wrong usage.\n"
+               "2 wrong usage; 128 + N ended by signal N (130 Ctrl-C), the link closed first.\n"
                "Environment: TESSITOR_TRACE=1 traces to stderr, TESSITOR_TRACE=FILE to a file;\n"
                "settings in $XDG_CONFIG_HOME/tessitor/tessitor.ini (TESSITOR_CONFIG overrides).");
     app.require_subcommand(1);
     // Connection options may stand before or after the command.
     app.fallthrough();
 
-    CCliContext context;
     context.m_Options.AddTo(app);
     RegisterSendCommand(app, context);
     RegisterTermCommand(app, context);
@@ -42,30 +96,36 @@ int main(int argc, char** argv)
 
     try {
         app.parse(argc, argv);
-    } catch (const CLI::CallForHelp& e) {
-        return app.exit(e);
-    } catch (const CLI::CallForAllHelp& e) {
-        return app.exit(e);
+    } catch (const CLI::Success& e) {
+        return app.exit(e); // --help, --version
     } catch (const CLI::ParseError& e) {
-        app.exit(e);
-        return 2;
+        if (!ReportUnknownCommand(app, argc, argv))
+            app.exit(e);
+        return kExitUsage;
     }
 
+    // Before any thread starts: they all inherit the blocked signals.
+    CSignalThread::Start();
     CTerminalUi ui(context.m_Options.m_bYes, context.m_Options.m_bNo);
     Ui::Install(&ui);
     int status = 0;
     try {
         status = context.Run();
     } catch (const UsageError& e) {
-        std::fprintf(stderr, "tessitor: %s\nRun with --help for more information.\n", e.what());
-        status = 2;
-    } catch (const ConnectError& e) {
-        std::fprintf(stderr, "%s\n", e.what());
-        status = 1;
+        PrintError("tessitor: " + std::string(e.what()) + "\nRun with --help for more information.");
+        status = kExitUsage;
+    } catch (const Failure& e) {
+        PrintError(e.what());
+        status = kExitFailure;
     } catch (CCommunication::CExceptionComm& e) {
-        std::fprintf(stderr, "%s\n", e.FillMessage().c_str());
-        status = 1;
+        PrintError(e.FillMessage());
+        status = kExitFailure;
     }
+    context.Disconnect();
     Ui::Install(nullptr);
+    if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+        PrintError(std::string("tessitor: cannot write to standard output: ") + std::strerror(errno));
+        status = kExitFailure;
+    }
     return status;
 }
