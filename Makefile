@@ -8,8 +8,13 @@ build: bootstrap
 	cmake --preset release >/dev/null
 	cmake --build --preset release
 
-demo: build
-	./build/release/tessitor demo
+# Builds only the tessitor program, quietly; the build's output is shown
+# only when it fails.
+demo: bootstrap
+	@log=$$(mktemp) && \
+	if cmake --preset release >"$$log" 2>&1 && cmake --build --preset release --target tessitor_cli >>"$$log" 2>&1; \
+	then rm -f "$$log"; else cat "$$log" >&2; rm -f "$$log"; exit 1; fi
+	@./build/release/tessitor demo
 
 test: bootstrap
 	cmake --preset ci
