@@ -411,6 +411,36 @@ TEST_F(CliTest, ASignalClosesTheLinkAndExitsWithItsStatus)
     }
 }
 
+TEST_F(CliTest, ALongWaitIsShownOnATerminalOnlyWhileItLasts)
+{
+    // The second attempt is answered, once the test has seen it shown.
+    std::atomic<int> asked{0};
+    std::atomic<bool> seen{false};
+    m_Peer.SetHandler([&](const std::string& line) {
+        if (line == "VR\r")
+            return CScriptedPeer::Answer(line, "Talvina 2.1.0.0");
+        if (++asked != 2)
+            return std::string();
+        Eventually([&] { return seen.load(); });
+        return CScriptedPeer::Answer(line, "1234");
+    });
+
+    CTerminalProcess terminal = RunOnTerminal({"send", "--timeout", "1500", "--serial", m_Peer.Path(), "PX"}, true);
+    std::string shown = terminal.ReadUntil(", attempt 2 of 3");
+    seen = true;
+    int status = terminal.Wait();
+    std::string cleared = terminal.ReadUntil("never shown");
+    asked = 0;
+    ProcessResult piped = Run({"send", "--timeout", "1500", "--serial", m_Peer.Path(), "PX"});
+
+    EXPECT_EQ(status, 0);
+    EXPECT_NE(shown.find("waiting for PX on " + m_Peer.Path() + ", attempt 2 of 3"), std::string::npos) << shown;
+    EXPECT_NE(cleared.find("\r                                "), std::string::npos) << "blanked out: " << cleared;
+    EXPECT_EQ(terminal.Stdout(), "1234\n") << "nothing of it reaches stdout";
+    EXPECT_EQ(piped.sOut, "1234\n");
+    EXPECT_EQ(piped.sErr, "") << "nor a stderr that is not a terminal";
+}
+
 TEST_F(CliTest, WhatTheDriveSendsCannotTakeOverTheTerminal)
 {
     ProcessResult piped = Run({"send", "--serial", m_Peer.Path(), "ESC"});
