@@ -395,19 +395,28 @@ TEST_F(CliTest, ExitStatusesTellTheTruth)
         << "the port never became stdout";
 }
 
-TEST_F(CliTest, ASignalClosesTheLinkAndExitsWithItsStatus)
+TEST_F(CliTest, ASignalClosesTheLinkGivesThePortBackAndExitsWithItsStatus)
 {
     m_Peer.SetHandler([](const std::string& line) {
         return line == "VR\r" ? CScriptedPeer::Answer(line, "Talvina 2.1.0.0") : std::string();
     });
+    termios found = m_Peer.Line();
+    ::cfsetispeed(&found, B9600); // as another program left the port
+    ::cfsetospeed(&found, B9600);
+    m_Peer.SetLine(found);
 
     for (int signal : {SIGINT, SIGTERM}) {
         const int sent = m_Peer.Count("PX\r");
         CBackgroundProcess waiting({TessitorPath(), "send", "--timeout", "60000", "--serial", m_Peer.Path(), "PX"},
                                    Env());
         ASSERT_TRUE(Eventually([&] { return m_Peer.Count("PX\r") > sent; }));
+        termios during = m_Peer.Line();
 
         EXPECT_EQ(waiting.Stop(signal), 128 + signal);
+        termios after = m_Peer.Line();
+        EXPECT_EQ(::cfgetospeed(&during), B115200);
+        EXPECT_EQ(::cfgetospeed(&after), B9600) << "the port's settings are given back";
+        EXPECT_EQ(after.c_cflag, found.c_cflag);
     }
 }
 

@@ -43,6 +43,11 @@ void PrintValue(const std::string& value)
     }
 }
 
+bool IsDriveRefusal(const CCommunication::CExceptionComm& e)
+{
+    return e.m_nErrorSource == kErrSrcDrive || e.m_nErrorSource == kErrSrcCanDrive;
+}
+
 std::string LinkCheckText(std::int32_t result)
 {
     const char* meaning = result == 1 ? "ok" : result == -2 ? "bad reply" : "broken";
@@ -112,8 +117,6 @@ CCommunication& CCliContext::Connect(bool bIdentify)
         // The link's own words name the device; a serial port's errno does not.
         std::string why = m_pLink->GetConnectError();
         if (why.empty())
-            why = m_Options.CanConnectError(*m_pLink);
-        if (why.empty())
             why = m_pLink->DeviceName() + ": " + std::strerror(error);
         Disconnect();
         throw Failure("Create Communication Device Fault. " + ForMessage(why, kMaxQuotedBytes * 3));
@@ -143,8 +146,7 @@ void CCliContext::Disconnect()
 std::string CCliContext::Describe(CCommunication::CExceptionComm& e, const std::string& command) const
 {
     std::string message = e.FillMessage();
-    // A drive's refusal already names the command in the system's words.
-    if (e.m_nErrorSource == kErrSrcDrive)
+    if (IsDriveRefusal(e))
         return message;
     std::string device = m_pLink ? m_pLink->DeviceName() : std::string("the drive");
     return message + " (" + ForMessage(command) + " on " + device + ")";

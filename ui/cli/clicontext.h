@@ -20,68 +20,11 @@
 
 namespace tessitor::cli {
 
-<<<<<<< HEAD
-/// Wrong usage found after parsing (a malformed one-line form, options that
-/// do not go together): message on stderr, exit status 2.
-class UsageError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
-
-/// A link that could not be opened: the message, exit status 1.
-class ConnectError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
-
-class CConnectionOptions {
-public:
-    /// Adds --serial, --baud, --conn, --last, --tcp, --target, --sim,
-    /// --product, --timeout and --no-echo-check to app.
-    void AddTo(CLI::App& app);
-
-    /// The descriptor the options name, and what the link needs beside it.
-    /// Throws UsageError when the options are missing or contradict.
-    std::pair<CCommunicationInfo, LinkOptions> Resolve();
-    /// A connected link, identified unless bIdentify is false; the
-    /// descriptor is stored as the last connection that succeeded.
-    std::unique_ptr<CCommunication> Connect(bool bIdentify = true);
-    /// The time-out of each command, in milliseconds.
-    std::uint32_t TimeoutMs() const { return m_nTimeoutMs; }
-    /// True when any option names a connection.
-    bool AnyGiven() const;
-
-    std::string m_sSerialPath;
-    std::uint32_t m_nBaud = 115200;
-    std::string m_sConnLine;
-    bool m_bLast = false;
-    std::string m_sTcp;
-    std::string m_sTarget;
-    bool m_bSim = false;
-    std::string m_sProduct = "Talvina";
-    std::uint32_t m_nTimeoutMs = 1000;
-    bool m_bNoEchoCheck = false;
-    bool m_bYes = false;
-    bool m_bNo = false;
-    std::string m_sCan;          ///< slcan:PATH or socketcan:IFACE
-    unsigned m_nNode = 0;        ///< 0 = not given
-    unsigned m_nBitrateKbit = 1000;
-    bool m_bTraceFrames = false;
-
-private:
-    // The CAN options live in cmd_can.cpp.
-    void AddCanOptionsTo(CLI::App& app, const char* group);
-    void ResolveCan(CCommunicationInfo& info);
-    void PrepareCanLink(CCommunication& link);
-
-    std::shared_ptr<void> m_pEmbeddedDrive; // keeps the --sim drive alive
-=======
 /// What a command takes from the connection options.
 enum class CommandUse {
     kNothing,    ///< no connection options at all
     kProduct,    ///< --product only (a virtual drive of its own)
     kConnection, ///< a connection, and the options that go with it
->>>>>>> da65661 (Make the tessitor front end careful: no hidden commands, settings only after success, exit statuses, signals, terminal)
 };
 
 class CCliContext {
@@ -129,6 +72,9 @@ private:
 /// Refuses command as wrong usage when it holds a control byte: a CR or LF
 /// inside it would carry a second command to the drive.
 void RefuseControlBytes(const std::string& command);
+/// True when e is a drive's refusal of a command (serial, TCP or CAN), as
+/// opposed to a failure of the link; its message stands as the drive gave it.
+bool IsDriveRefusal(const CCommunication::CExceptionComm& e);
 /// "link check: ok (1)" and the like, for a result of CheckLink.
 std::string LinkCheckText(std::int32_t result);
 /// Writes value and a line feed to stdout (control bytes escaped when

@@ -1,9 +1,6 @@
 // The CAN face of the command line: the --can, --node, --bitrate and
 // --trace-frames connection options, and `tessitor can dump`, which prints
 // every frame on the bus with a CANopen reading of it until interrupted.
-#include <pthread.h>
-#include <signal.h>
-
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -114,13 +111,8 @@ void RegisterCanCommand(CLI::App& app, CCliContext& context)
         std::uint8_t bitRate = BitRateIndex(options.m_nBitrateKbit);
         std::uint8_t node = static_cast<std::uint8_t>(options.m_nNode);
 
-        // The receive thread inherits the blocked stop signals; only the
-        // wait below takes them.
-        sigset_t stopSignals;
-        sigemptyset(&stopSignals);
-        sigaddset(&stopSignals, SIGINT);
-        sigaddset(&stopSignals, SIGTERM);
-        pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+        // Ctrl-C (or SIGTERM) ends the wait below, not the program.
+        CSignalThread::CStopRequest stop;
 
         std::shared_ptr<CCanAdapter> adapter = AcquireCanAdapter(choice);
         adapter->AttachNode(node);
@@ -138,8 +130,7 @@ void RegisterCanCommand(CLI::App& app, CCliContext& context)
             (void)error;
             throw ConnectError("Create Communication Device Fault. " + choice.Name() + ": " + adapter->LastError());
         }
-        timespec wait{0, kDumpPollMs * 1000000L};
-        while (sigtimedwait(&stopSignals, nullptr, &wait) < 0) {
+        while (!stop.Wait(std::chrono::milliseconds(kDumpPollMs))) {
             if (!adapter->IsOpen()) {
                 adapter->RemoveMonitor(monitor);
                 throw ConnectError("tessitor can dump: " + choice.Name() + " went away: " + adapter->LastError());

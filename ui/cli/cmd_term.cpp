@@ -139,7 +139,7 @@ private:
             }
         } catch (CCommunication::CExceptionComm& e) {
             m_nStatus = 1;
-            if (e.m_nErrorSource == kErrSrcDrive) {
+            if (IsDriveRefusal(e)) {
                 std::fprintf(stderr, "%s\n", ForMessage(e.FillMessage()).c_str());
                 return true;
             }

@@ -269,19 +269,6 @@ ResolvedConnection CConnectionOptions::ResolveSerial(Settings& settings)
     return r;
 }
 
-<<<<<<< HEAD
-    std::unique_ptr<CCommunication> link = CreateLink(info, options);
-    link->SetCheckEcho(m_bNoEchoCheck ? 0 : 1);
-    link->SetEchoMode(m_bNoEchoCheck ? 1 : 0);
-    PrepareCanLink(*link);
-    if (int error = link->Connect()) {
-        if (info.GetKind() == kKindCan)
-            throw ConnectError("Create Communication Device Fault. " + link->GetConnectError());
-        std::string where = options.sSerialPath.empty() ? info.GetDisplayText() : options.sSerialPath;
-        std::string why;
-        if (info.GetKind() == kKindTcp || info.GetKind() == kKindTcpKmas)
-            why = error == 3 ? "the network device cannot be reached" : "the network device has no drive '" + info.sDesc + "'";
-=======
 ResolvedConnection CConnectionOptions::ResolveConnLine(Settings&)
 {
     ResolvedConnection r;
@@ -352,7 +339,6 @@ void CConnectionOptions::Remember(const ResolvedConnection& r)
     if (r.info.GetKind() == kKindTcp || r.info.GetKind() == kKindTcpKmas) {
         if (r.options.sTcpHost.empty())
             settings.Remove(kSettingsSection, kSettingsHostKey);
->>>>>>> da65661 (Make the tessitor front end careful: no hidden commands, settings only after success, exit statuses, signals, terminal)
         else
             settings.Set(kSettingsSection, kSettingsHostKey, r.options.sTcpHost);
         settings.Set(kSettingsSection, kSettingsPortKey, std::to_string(ResolveTcpPort(r.options.wTcpPort)));

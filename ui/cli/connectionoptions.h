@@ -76,8 +76,6 @@ public:
     // The CAN options live in cmd_can.cpp.
     /// Shows every CAN frame of a CAN link on stderr when --trace-frames asks.
     void PrepareCanLink(CCommunication& link);
-    /// Why a CAN link did not connect; empty for other links.
-    std::string CanConnectError(CCommunication& link) const;
 
 private:
     // A kind of connection: its option and the function that resolves it.

@@ -1,5 +1,6 @@
 #include "ui/cli/signalthread.h"
 
+#include <condition_variable>
 #include <csignal>
 #include <map>
 #include <mutex>
@@ -17,6 +18,9 @@ struct Registry {
     std::mutex mutex;
     int nextId = 0;
     std::map<int, std::function<void()>> cleanups;
+    int stopRequests = 0;     // CStopRequest objects alive
+    bool stopRequested = false;
+    std::condition_variable stopEvent;
 };
 
 Registry& TheRegistry()
@@ -36,13 +40,21 @@ void CSignalThread::Start()
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     std::thread([set] {
         pthread_setname_np(pthread_self(), "SignalThread");
-        int signal = 0;
-        while (sigwait(&set, &signal) != 0) {
-        }
         Registry& registry = TheRegistry();
-        // The lock is never given back: a clean-up being unregistered on
-        // another thread waits here until the process has ended.
-        registry.mutex.lock();
+        int signal = 0;
+        for (;;) {
+            if (sigwait(&set, &signal) != 0)
+                continue;
+            std::unique_lock lock(registry.mutex);
+            if (registry.stopRequests == 0) {
+                // The lock is never given back: a clean-up being unregistered
+                // on another thread waits here until the process has ended.
+                lock.release();
+                break;
+            }
+            registry.stopRequested = true;
+            registry.stopEvent.notify_all();
+        }
         for (auto it = registry.cleanups.rbegin(); it != registry.cleanups.rend(); ++it)
             it->second();
         ::_exit(kSignalExitBase + signal);
@@ -62,6 +74,28 @@ CSignalThread::CCleanup::~CCleanup()
     Registry& registry = TheRegistry();
     std::lock_guard lock(registry.mutex);
     registry.cleanups.erase(m_nId);
+}
+
+CSignalThread::CStopRequest::CStopRequest()
+{
+    Registry& registry = TheRegistry();
+    std::lock_guard lock(registry.mutex);
+    if (registry.stopRequests++ == 0)
+        registry.stopRequested = false;
+}
+
+CSignalThread::CStopRequest::~CStopRequest()
+{
+    Registry& registry = TheRegistry();
+    std::lock_guard lock(registry.mutex);
+    --registry.stopRequests;
+}
+
+bool CSignalThread::CStopRequest::Wait(std::chrono::milliseconds timeout)
+{
+    Registry& registry = TheRegistry();
+    std::unique_lock lock(registry.mutex);
+    return registry.stopEvent.wait_for(lock, timeout, [&registry] { return registry.stopRequested; });
 }
 
 } // namespace tessitor::cli

@@ -4,6 +4,7 @@
 // give the terminal back its modes) and exits with 128 + the signal.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 
@@ -27,6 +28,18 @@ public:
 
     private:
         int m_nId;
+    };
+
+    /// While one lives, the signals end its Wait instead of the program:
+    /// for a command whose normal end is Ctrl-C (watching a bus).
+    class CStopRequest {
+    public:
+        CStopRequest();
+        ~CStopRequest();
+        CStopRequest(const CStopRequest&) = delete;
+        CStopRequest& operator=(const CStopRequest&) = delete;
+        /// True once a signal has come; waits up to timeout for one.
+        bool Wait(std::chrono::milliseconds timeout);
     };
 };
 
