@@ -117,8 +117,19 @@ CLineEditor::Result CLineEditor::Read(std::string& line)
     if (!m_pEditLine)
         return ReadLine(std::cin, line) ? Result::kLine : Result::kEnd;
     m_bInterrupted = false;
+    // libedit shows the prompt before it takes the terminal over: a Ctrl-C
+    // typed at once would still be SIGINT. Off now, on again after the line.
+    termios modes{};
+    const bool haveModes = ::tcgetattr(STDIN_FILENO, &modes) == 0;
+    if (haveModes) {
+        termios quiet = modes;
+        quiet.c_lflag &= ~static_cast<tcflag_t>(ISIG);
+        ::tcsetattr(STDIN_FILENO, TCSANOW, &quiet);
+    }
     int count = 0;
     const char* text = el_gets(m_pEditLine, &count);
+    if (haveModes)
+        ::tcsetattr(STDIN_FILENO, TCSANOW, &modes);
     line = text && count > 0 ? std::string(text, static_cast<size_t>(count)) : std::string();
     while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
         line.pop_back();
