@@ -459,7 +459,7 @@ TEST_F(CliTest, WhatTheDriveSendsCannotTakeOverTheTerminal)
 
     EXPECT_EQ(piped.sOut, "A\x1b[2JB\x07\n") << "to a pipe the value goes as it is";
     EXPECT_EQ(status, 0);
-    EXPECT_NE(shown.find("A\\e[2JB\\x07"), std::string::npos) << shown;
+    EXPECT_NE(shown.find("A\\x1B[2JB\\x07"), std::string::npos) << shown;
     EXPECT_EQ(shown.find('\x1b'), std::string::npos);
 }
 

@@ -29,13 +29,18 @@ void RefuseControlBytes(const std::string& command)
 {
     if (size_t at = FindControlByte(command); at != std::string::npos)
         throw UsageError(StrFormat("the command '%s' holds the control byte 0x%02X at %zu; nothing was sent",
-                                   ForMessage(command).c_str(), static_cast<unsigned char>(command[at]), at + 1));
+                                   CutMiddle(command).c_str(), static_cast<unsigned char>(command[at]), at + 1));
 }
 
 void PrintValue(const std::string& value)
 {
     static const bool terminal = ::isatty(STDOUT_FILENO) != 0;
-    std::string line = (terminal ? EscapeControlBytes(value) : value) + "\n";
+    PrintLine(terminal ? Escaped(value) : value);
+}
+
+void PrintLine(const std::string& text)
+{
+    std::string line = text + "\n";
     if (std::fwrite(line.data(), 1, line.size(), stdout) != line.size() || std::fflush(stdout) != 0) {
         int error = errno;
         std::clearerr(stdout); // reported here, not once more at exit
@@ -119,7 +124,7 @@ CCommunication& CCliContext::Connect(bool bIdentify)
         if (why.empty())
             why = m_pLink->DeviceName() + ": " + std::strerror(error);
         Disconnect();
-        throw Failure("Create Communication Device Fault. " + ForMessage(why, kMaxQuotedBytes * 3));
+        throw Failure("Create Communication Device Fault. " + CutMiddle(why, kMaxQuotedBytes * 3));
     }
     if (!bIdentify) {
         CConnectionOptions::Remember(r);
@@ -149,7 +154,7 @@ std::string CCliContext::Describe(CCommunication::CExceptionComm& e, const std::
     if (IsDriveRefusal(e))
         return message;
     std::string device = m_pLink ? m_pLink->DeviceName() : std::string("the drive");
-    return message + " (" + ForMessage(command) + " on " + device + ")";
+    return message + " (" + CutMiddle(command) + " on " + device + ")";
 }
 
 std::int32_t CCliContext::CheckLink(std::string& failure)

@@ -77,8 +77,11 @@ void RefuseControlBytes(const std::string& command);
 bool IsDriveRefusal(const CCommunication::CExceptionComm& e);
 /// "link check: ok (1)" and the like, for a result of CheckLink.
 std::string LinkCheckText(std::int32_t result);
-/// Writes value and a line feed to stdout (control bytes escaped when
-/// stdout is a terminal) and flushes; throws Failure when stdout fails.
+/// Writes line and a line feed to stdout and flushes; throws Failure when
+/// stdout fails.
+void PrintLine(const std::string& line);
+/// PrintLine for text from a drive or a file: escaped (Escaped) when stdout
+/// is a terminal, so that the terminal obeys none of it.
 void PrintValue(const std::string& value);
 
 // One registration function per command, each in its own file.

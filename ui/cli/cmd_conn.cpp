@@ -24,7 +24,7 @@ void RegisterConnCommand(CLI::App& app, CCliContext& context)
             if (context.m_Options.m_bSim)
                 throw UsageError("--sim has no one-line form");
             std::string line = context.m_Options.Resolve().info.ToLine();
-            PrintValue(::isatty(STDOUT_FILENO) ? ShellQuoted(line) : line);
+            PrintLine(::isatty(STDOUT_FILENO) ? ShellQuoted(line) : line);
             return 0;
         },
         CommandUse::kConnection);
@@ -39,7 +39,7 @@ void RegisterConnCommand(CLI::App& app, CCliContext& context)
             CCommunicationInfo info;
             std::string text;
             if (!ShellUnquoted(*line, text) || !info.FromLine(text))
-                throw UsageError("malformed one-line form: '" + ForMessage(*line) + "'");
+                throw UsageError("malformed one-line form: '" + CutMiddle(*line) + "'");
             PrintValue(info.GetDisplayText());
             return 0;
         },

@@ -3,7 +3,6 @@
 // record map show the trigger list and the slots, and map the slots.
 #include <unistd.h>
 
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
@@ -116,33 +115,6 @@ private:
     int m_nChunk = 0;
 };
 
-// Ctrl-C stops the recorder at its next check instead of leaving it armed.
-extern "C" void StopRecording(int)
-{
-    g_nRecorderAbort = 1;
-}
-
-class CStopOnSignal {
-public:
-    CStopOnSignal()
-    {
-        struct sigaction action {};
-        action.sa_handler = StopRecording;
-        sigemptyset(&action.sa_mask);
-        ::sigaction(SIGINT, &action, &m_OldInt);
-        ::sigaction(SIGTERM, &action, &m_OldTerm);
-    }
-    ~CStopOnSignal()
-    {
-        ::sigaction(SIGINT, &m_OldInt, nullptr);
-        ::sigaction(SIGTERM, &m_OldTerm, nullptr);
-    }
-
-private:
-    struct sigaction m_OldInt {};
-    struct sigaction m_OldTerm {};
-};
-
 std::unique_ptr<CRecorder> MakeRecorder(CCommunication& link)
 {
     std::unique_ptr<CRecorder> rec = CRecorder::Create(&link);
@@ -219,8 +191,8 @@ int Record(CCliContext& context, const RecordOptions& options)
     if (!(options.dWait > 0))
         throw UsageError("--wait must be more than 0 seconds");
 
-    std::unique_ptr<CCommunication> link = context.m_Options.Connect();
-    std::unique_ptr<CRecorder> rec = MakeRecorder(*link);
+    CCommunication& link = context.Connect();
+    std::unique_ptr<CRecorder> rec = MakeRecorder(link);
 
     int row = rec->FindTriggerRow(options.sTrigger);
     if (row < 0)
@@ -248,25 +220,26 @@ int Record(CCliContext& context, const RecordOptions& options)
     // Serial and TCP links upload each display in chunks of at most 100
     // samples; the CAN link in one record whose blocks are not counted ahead.
     int chunks = 0;
-    if (link->GetInfo().GetKind() != kKindCan) {
+    if (link.GetInfo().GetKind() != kKindCan) {
         int perDisplay = static_cast<int>((options.nLength + CCommunication::kRecordChunkSamples - 1)
                                           / CCommunication::kRecordChunkSamples);
         chunks = perDisplay * static_cast<int>(signals.size());
     }
     CRecordProgress progress(chunks);
     rec->SetWindows(&progress, &progress);
-    CStopOnSignal stopOnSignal;
     g_nRecorderAbort = 0;
+    // Ctrl-C stops the recorder at its next check instead of leaving it armed.
+    CSignalThread::CStopRequest stopOnSignal([] { g_nRecorderAbort = 1; });
 
     rec->StartPhase(CRecorder::kPhaseClear);
     if (!rec->WaitPhase())
         return Failed(*rec);
     progress.Show(rec->GetStartMode() == 2 ? "recording" : "recorder armed");
     try {
-        RunCommands(*link, options.arRun, context.m_Options.TimeoutMs());
+        RunCommands(link, options.arRun, context.m_Options.TimeoutMs());
     } catch (const CCommunication::CExceptionComm&) {
         progress.Show("");
-        StopDriveRecorder(*link);
+        StopDriveRecorder(link);
         throw;
     }
 
@@ -277,7 +250,7 @@ int Record(CCliContext& context, const RecordOptions& options)
             g_nRecorderAbort = 1;
             rec->WaitPhase();
             progress.Show("");
-            StopDriveRecorder(*link);
+            StopDriveRecorder(link);
             std::fprintf(stderr, "No recording within %g s: the recorder was stopped (RR=0).\n", options.dWait);
             return 1;
         }
@@ -289,7 +262,7 @@ int Record(CCliContext& context, const RecordOptions& options)
         if (!rec->WaitPhase() || g_nRecorderAbort != 0) {
             progress.Show("");
             if (g_nRecorderAbort != 0) {
-                StopDriveRecorder(*link);
+                StopDriveRecorder(link);
                 std::fprintf(stderr, "Recording interrupted: the recorder was stopped (RR=0).\n");
                 return 1;
             }
@@ -304,22 +277,22 @@ int Record(CCliContext& context, const RecordOptions& options)
         return 1;
     }
     rec.reset();
-    link->Disconnect();
+    context.Disconnect();
     std::printf("%s: %zu samples\n", options.sOut.c_str(), file.Rows());
     return 0;
 }
 
 int List(CCliContext& context)
 {
-    std::unique_ptr<CCommunication> link = context.m_Options.Connect();
-    std::unique_ptr<CRecorder> rec = MakeRecorder(*link);
+    CCommunication& link = context.Connect();
+    std::unique_ptr<CRecorder> rec = MakeRecorder(link);
     std::printf("Trigger list:\n");
     for (const auto& row : rec->TriggerSources())
         std::printf("  %s\n", row->sName.c_str());
     std::printf("Slots:\n");
     PrintSlots(*rec);
     rec.reset();
-    link->Disconnect();
+    context.Disconnect();
     return 0;
 }
 
@@ -346,8 +319,8 @@ int Map(CCliContext& context, const std::vector<std::string>& assignments)
         mapping.emplace_back(static_cast<int>(slot), code);
     }
 
-    std::unique_ptr<CCommunication> link = context.m_Options.Connect();
-    std::unique_ptr<CRecorder> rec = MakeRecorder(*link);
+    CCommunication& link = context.Connect();
+    std::unique_ptr<CRecorder> rec = MakeRecorder(link);
     auto* talvina = dynamic_cast<CRecTalvina*>(rec.get());
     if (!mapping.empty() && !talvina) {
         std::fprintf(stderr, "The slots of the %s family are fixed; they cannot be mapped.\n", rec->FamilyName());
@@ -357,7 +330,7 @@ int Map(CCliContext& context, const std::vector<std::string>& assignments)
         talvina->MapSlot(slot, code);
     PrintSlots(*rec);
     rec.reset();
-    link->Disconnect();
+    context.Disconnect();
     return 0;
 }
 
@@ -429,9 +402,9 @@ void RegisterRecordCommand(CLI::App& app, CCliContext& context)
                 "fixed: mapping them fails with exit status 1.\n\n"
                 "Example:\n  tessitor --sim record map 8=\"Analog Input 1\" 9=none");
 
-    context.SetAction(sub, [&context, options] { return Record(context, *options); });
-    context.SetAction(list, [&context] { return List(context); });
-    context.SetAction(map, [&context, options] { return Map(context, options->arMap); });
+    context.SetAction(sub, [&context, options] { return Record(context, *options); }, CommandUse::kConnection);
+    context.SetAction(list, [&context] { return List(context); }, CommandUse::kConnection);
+    context.SetAction(map, [&context, options] { return Map(context, options->arMap); }, CommandUse::kConnection);
 }
 
 } // namespace tessitor::cli

@@ -20,7 +20,7 @@ std::vector<std::string> ReadCommandFile(const std::string& path)
 {
     std::ifstream file;
     std::istream* in = &std::cin;
-    const std::string shownPath = path == "-" ? "standard input" : "'" + ForMessage(path) + "'";
+    const std::string shownPath = path == "-" ? "standard input" : "'" + CutMiddle(path) + "'";
     if (path != "-") {
         file.open(path);
         if (!file)

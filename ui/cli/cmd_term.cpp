@@ -90,14 +90,14 @@ private:
             std::int32_t check = m_Context.CheckLink(failure);
             PrintValue(LinkCheckText(check));
             if (!failure.empty())
-                std::fprintf(stderr, "%s\n", ForMessage(failure).c_str());
+                std::fprintf(stderr, "%s\n", ForMessage(failure, kMaxMessageBytes).c_str());
             if (check != 1)
                 m_nStatus = 1;
         } else if (command == ":reconnect") {
             try {
                 Banner(m_Context.Connect());
             } catch (const Failure& e) {
-                std::fprintf(stderr, "%s\n", ForMessage(e.what()).c_str());
+                std::fprintf(stderr, "%s\n", ForMessage(e.what(), kMaxMessageBytes).c_str());
                 m_nStatus = 1;
             }
         } else {
@@ -120,7 +120,7 @@ private:
         try {
             RefuseControlBytes(command);
         } catch (const UsageError& e) {
-            std::fprintf(stderr, "tessitor: %s\n", e.what());
+            std::fprintf(stderr, "tessitor: %s\n", ForMessage(e.what(), kMaxMessageBytes).c_str());
             if (m_nStatus == 0)
                 m_nStatus = 2;
             return true;
@@ -140,7 +140,7 @@ private:
         } catch (CCommunication::CExceptionComm& e) {
             m_nStatus = 1;
             if (IsDriveRefusal(e)) {
-                std::fprintf(stderr, "%s\n", ForMessage(e.FillMessage()).c_str());
+                std::fprintf(stderr, "%s\n", ForMessage(e.FillMessage(), kMaxMessageBytes).c_str());
                 return true;
             }
             if (e.ReportError(nullptr) != IDYES)

@@ -63,7 +63,7 @@ std::array<std::uint8_t, 4> ResolveHost(const std::string& host)
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* found = nullptr;
     if (int error = ::getaddrinfo(host.c_str(), nullptr, &hints, &found); error != 0 || !found)
-        throw Failure("tessitor: cannot resolve host '" + ForMessage(host) + "': " + ::gai_strerror(error));
+        throw Failure("tessitor: cannot resolve host '" + CutMiddle(host) + "': " + ::gai_strerror(error));
     // The descriptor holds an IPv4 address only; an IPv6 host is carried
     // by its name beside it.
     std::array<std::uint8_t, 4> bytes{};
@@ -93,7 +93,7 @@ void SplitHostPort(const std::string& text, std::string& host, std::uint16_t& po
     if (!text.empty() && text.front() == '[') {
         size_t close = text.find(']');
         if (close == std::string::npos || (close + 1 < text.size() && text[close + 1] != ':'))
-            throw UsageError("bad --tcp '" + ForMessage(text) + "': [ADDRESS]:PORT is expected");
+            throw UsageError("bad --tcp '" + CutMiddle(text) + "': [ADDRESS]:PORT is expected");
         host = text.substr(1, close - 1);
         if (close + 1 < text.size())
             portText = text.substr(close + 2);
@@ -109,9 +109,9 @@ void SplitHostPort(const std::string& text, std::string& host, std::uint16_t& po
     }
     auto number = ParseNumber(portText);
     if (!number)
-        throw UsageError("bad --tcp '" + ForMessage(text) + "': the port is not a number");
+        throw UsageError("bad --tcp '" + CutMiddle(text) + "': the port is not a number");
     if (*number < 1 || *number > 65535)
-        throw UsageError("bad --tcp '" + ForMessage(text) + "': the port must be 1 to 65535");
+        throw UsageError("bad --tcp '" + CutMiddle(text) + "': the port must be 1 to 65535");
     port = static_cast<std::uint16_t>(*number);
 }
 
@@ -274,7 +274,7 @@ ResolvedConnection CConnectionOptions::ResolveConnLine(Settings&)
     ResolvedConnection r;
     std::string line;
     if (!ShellUnquoted(m_sConnLine, line) || !r.info.FromLine(line))
-        throw UsageError("malformed one-line form: '" + ForMessage(m_sConnLine) + "'");
+        throw UsageError("malformed one-line form: '" + CutMiddle(m_sConnLine) + "'");
     return r;
 }
 
@@ -285,7 +285,7 @@ ResolvedConnection CConnectionOptions::ResolveLast(Settings& settings)
     if (!line || line->empty())
         throw UsageError("no connection has succeeded yet, so --last has nothing to use");
     if (!r.info.FromLine(*line))
-        throw Failure("tessitor: the last connection in " + settings.Path() + " is malformed: '" + ForMessage(*line) + "'");
+        throw Failure("tessitor: the last connection in " + settings.Path() + " is malformed: '" + CutMiddle(*line) + "'");
     if (r.info.GetKind() == kKindTcp || r.info.GetKind() == kKindTcpKmas) {
         r.options.sTcpHost = settings.GetString(kSettingsSection, kSettingsHostKey);
                 int port = settings.GetInt(kSettingsSection, kSettingsPortKey, 0);
@@ -300,7 +300,7 @@ ResolvedConnection CConnectionOptions::ResolveTcp(Settings&)
     ResolvedConnection r;
     SplitHostPort(m_sTcp, r.options.sTcpHost, r.options.wTcpPort);
     if (r.options.sTcpHost.empty())
-        throw UsageError("bad --tcp '" + ForMessage(m_sTcp) + "': the host is missing");
+        throw UsageError("bad --tcp '" + CutMiddle(m_sTcp) + "': the host is missing");
     if (m_sTarget.empty())
         throw UsageError("--tcp needs --target \"RS232 Port N\" or \"CANopen Bus B NodeID N\"");
     int a = 0, b = 0;
@@ -348,7 +348,7 @@ void CConnectionOptions::Remember(const ResolvedConnection& r)
     }
     settings.Set(kSettingsSection, kSettingsKey, r.info.ToLine());
     if (!settings.Save())
-        std::fprintf(stderr, "tessitor: %s\n", ForMessage(settings.SaveError(), 400).c_str());
+        std::fprintf(stderr, "tessitor: %s\n", ForMessage(settings.SaveError(), kMaxMessageBytes).c_str());
 }
 
 } // namespace tessitor::cli

@@ -22,8 +22,6 @@ namespace {
 
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
-// A message may quote a reply or a settings line; beyond this it is cut.
-constexpr std::size_t kMaxMessageBytes = 600;
 
 // A descriptor 0, 1 or 2 closed at start would be the next one opened: the
 // drive's port would become stdout. /dev/null, opened read-only, takes the
@@ -52,7 +50,7 @@ bool ReportUnknownCommand(const CLI::App& app, int argc, char** argv)
         std::string names;
         for (const CLI::App* sub : app.get_subcommands([](const CLI::App*) { return true; }))
             names += (names.empty() ? "" : ", ") + sub->get_name();
-        PrintError("tessitor: unknown command '" + ForMessage(word) + "' (commands: " + names + ")");
+        PrintError("tessitor: unknown command '" + CutMiddle(word) + "' (commands: " + names + ")");
         return true;
     }
     return false;

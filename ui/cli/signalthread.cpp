@@ -18,7 +18,7 @@ struct Registry {
     std::mutex mutex;
     int nextId = 0;
     std::map<int, std::function<void()>> cleanups;
-    int stopRequests = 0;     // CStopRequest objects alive
+    std::map<int, std::function<void()>> stopRequests; // of the CStopRequest objects alive
     bool stopRequested = false;
     std::condition_variable stopEvent;
 };
@@ -46,13 +46,16 @@ void CSignalThread::Start()
             if (sigwait(&set, &signal) != 0)
                 continue;
             std::unique_lock lock(registry.mutex);
-            if (registry.stopRequests == 0) {
+            if (registry.stopRequests.empty()) {
                 // The lock is never given back: a clean-up being unregistered
                 // on another thread waits here until the process has ended.
                 lock.release();
                 break;
             }
             registry.stopRequested = true;
+            for (auto& [id, onStop] : registry.stopRequests)
+                if (onStop)
+                    onStop();
             registry.stopEvent.notify_all();
         }
         for (auto it = registry.cleanups.rbegin(); it != registry.cleanups.rend(); ++it)
@@ -76,19 +79,21 @@ CSignalThread::CCleanup::~CCleanup()
     registry.cleanups.erase(m_nId);
 }
 
-CSignalThread::CStopRequest::CStopRequest()
+CSignalThread::CStopRequest::CStopRequest(std::function<void()> onStop)
 {
     Registry& registry = TheRegistry();
     std::lock_guard lock(registry.mutex);
-    if (registry.stopRequests++ == 0)
+    if (registry.stopRequests.empty())
         registry.stopRequested = false;
+    m_nId = registry.nextId++;
+    registry.stopRequests.emplace(m_nId, std::move(onStop));
 }
 
 CSignalThread::CStopRequest::~CStopRequest()
 {
     Registry& registry = TheRegistry();
     std::lock_guard lock(registry.mutex);
-    --registry.stopRequests;
+    registry.stopRequests.erase(m_nId);
 }
 
 bool CSignalThread::CStopRequest::Wait(std::chrono::milliseconds timeout)

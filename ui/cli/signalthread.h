@@ -30,16 +30,21 @@ public:
         int m_nId;
     };
 
-    /// While one lives, the signals end its Wait instead of the program:
-    /// for a command whose normal end is Ctrl-C (watching a bus).
+    /// While one lives, the signals end its Wait instead of the program,
+    /// and run onStop (on the signal thread; keep it short): for a command
+    /// whose normal end is Ctrl-C (watching a bus) or that winds its work
+    /// down itself (a recording stops the drive's recorder first).
     class CStopRequest {
     public:
-        CStopRequest();
+        explicit CStopRequest(std::function<void()> onStop = {});
         ~CStopRequest();
         CStopRequest(const CStopRequest&) = delete;
         CStopRequest& operator=(const CStopRequest&) = delete;
         /// True once a signal has come; waits up to timeout for one.
         bool Wait(std::chrono::milliseconds timeout);
+
+    private:
+        int m_nId;
     };
 };
 

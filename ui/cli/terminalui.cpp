@@ -10,8 +10,6 @@
 namespace tessitor::cli {
 namespace {
 
-// A message may quote a whole reply; beyond this it is cut in the middle.
-constexpr std::size_t kMaxMessageBytes = 2000;
 constexpr std::size_t kMaxShownCommandBytes = 40;
 
 void WriteStderr(const std::string& text)

@@ -3,77 +3,33 @@
 #include "core/strformat.h"
 
 namespace tessitor::cli {
-namespace {
-
-bool IsControl(unsigned char c)
-{
-    return c < 0x20 || c == 0x7F;
-}
-
-// The escape of one byte that is not printable ASCII.
-std::string Escape(unsigned char c)
-{
-    switch (c) {
-    case '\r': return "\\r";
-    case '\n': return "\\n";
-    case '\t': return "\\t";
-    case 0x1B: return "\\e";
-    default: return StrFormat("\\x%02X", c);
-    }
-}
-
-int HexDigit(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
-} // namespace
-
 std::size_t FindControlByte(const std::string& text)
 {
     for (std::size_t i = 0; i < text.size(); ++i)
-        if (IsControl(static_cast<unsigned char>(text[i])))
+        if (static_cast<unsigned char>(text[i]) < 0x20 || text[i] == 0x7F)
             return i;
     return std::string::npos;
 }
 
-std::string EscapeControlBytes(const std::string& text)
+std::string CutMiddle(const std::string& text, std::size_t maxBytes)
 {
-    std::string shown;
-    shown.reserve(text.size());
-    // Bytes 0x80 and up are escaped too: as 8-bit controls (0x9B is CSI)
-    // some terminals obey them, and drive text is ASCII.
-    for (char c : text) {
-        auto byte = static_cast<unsigned char>(c);
-        if (byte >= 0x20 && byte < 0x7F)
-            shown += c;
-        else
-            shown += Escape(byte);
-    }
-    return shown;
+    if (text.size() <= maxBytes)
+        return text;
+    std::size_t head = maxBytes / 2, tail = maxBytes - head;
+    return text.substr(0, head) + StrFormat("[... %zu bytes ...]", text.size() - head - tail)
+           + text.substr(text.size() - tail);
 }
 
 std::string ForMessage(const std::string& text, std::size_t maxBytes, bool bKeepLineFeeds)
 {
-    std::string cut = text;
-    if (cut.size() > maxBytes) {
-        std::size_t head = maxBytes / 2, tail = maxBytes - head;
-        cut = text.substr(0, head) + StrFormat("[... %zu bytes ...]", text.size() - head - tail)
-              + text.substr(text.size() - tail);
-    }
+    std::string cut = CutMiddle(text, maxBytes);
     if (!bKeepLineFeeds)
-        return EscapeControlBytes(cut);
+        return Escaped(cut);
     std::string shown;
     std::size_t start = 0;
     for (;;) {
         std::size_t lf = cut.find('\n', start);
-        shown += EscapeControlBytes(cut.substr(start, lf - start));
+        shown += Escaped(cut.substr(start, lf - start));
         if (lf == std::string::npos)
             return shown;
         shown += '\n';
