@@ -103,6 +103,13 @@ TEST_F(RecordCliTest, BeginMotionOverSerialRecordsTheMove)
     std::getline(in, first);
     EXPECT_EQ(header, "Index,Time(sec),Position,Velocity");
     EXPECT_EQ(first.rfind("0,0,", 0), 0u) << first;
+
+    // The embedded drive is ready to move: the one-line example needs no MO=1.
+    file = Record({"--sim"}, {"--trigger", "Begin Motion", "--signal", "Position", "--signal", "Velocity", "--run",
+                              "PA=4000", "--run", "BG"},
+                  "move.sdv");
+    ASSERT_FALSE(file.empty());
+    EXPECT_GT(CMatFile(file).Column(2).back(), 1000) << "the motor moved";
 }
 
 TEST_F(RecordCliTest, BreNolDriveOverTcpRecordsTheMove)

@@ -98,6 +98,8 @@ CCommunication& CCliContext::Connect(bool bIdentify)
             std::shared_ptr<sim::CSimDrive> drive;
             try {
                 drive = std::make_shared<sim::CSimDrive>(m_Options.m_sProduct);
+                // Ready to move, so one-line examples need no "MO=1" of their own.
+                drive->Execute("MO=1");
             } catch (const std::invalid_argument& e) {
                 throw UsageError(e.what());
             }
