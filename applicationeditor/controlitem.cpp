@@ -77,6 +77,13 @@ bool CControlItem::IsFloat() const
     }
 }
 
+bool CControlItem::IsWithinLimits(double value) const
+{
+    // A limit written in decimal is rarely exact in a 32-bit float.
+    double slack = IsFloat() ? 1e-6 * std::max({1.0, std::fabs(m_dMin), std::fabs(m_dMax)}) : 0.0;
+    return value >= m_dMin - slack && value <= m_dMax + slack;
+}
+
 std::string CControlItem::GetName() const
 {
     return m_bIndexed ? StrFormat("%s[%d]", m_sMnemonic.c_str(), m_nIndex) : m_sMnemonic;

@@ -42,6 +42,9 @@ public:
     int GetSize() const;
     /// True when the element holds a floating-point number.
     bool IsFloat() const;
+    /// True when value lies within m_dMin..m_dMax, allowing for the
+    /// rounding of a 32-bit float image element.
+    bool IsWithinLimits(double value) const;
     /// "KP[2]" or "UM", as the drive's command language writes it.
     std::string GetName() const;
 

@@ -63,6 +63,12 @@ std::uint32_t CProductMethods::TransferTimeoutMs(std::size_t bytes) const
     return 2000 + static_cast<std::uint32_t>(2 * bytes * 10 * 1000 / baud);
 }
 
+void CProductMethods::CheckAbort()
+{
+    if (m_pAbort && m_pAbort->load() != 0)
+        throw CTransferAborted(&m_Link);
+}
+
 std::string CProductMethods::SendCommand(const std::string& command, std::uint32_t timeoutMs)
 {
     return Query(command, timeoutMs);
@@ -80,6 +86,7 @@ std::string CProductMethods::UploadImage(Window* pProgress)
     Progress(pProgress, kMsgTransferStart, total, kImageChunkBytes);
     std::string hex;
     for (std::size_t n = 0;; ++n) {
+        CheckAbort();
         std::string chunk = UploadImageChunk(n);
         if (chunk.size() > 2 * kImageChunkBytes || chunk.size() % 2 || !IsHexText(chunk)
             || hex.size() + chunk.size() > 2 * kMaxImageBytes)
@@ -107,6 +114,7 @@ void CProductMethods::DownloadImage(const std::string& hex, Window* pProgress)
 
     Progress(pProgress, kMsgTransferStart, image.size(), kImageChunkBytes);
     for (std::size_t offset = 0, n = 0; offset < image.size(); offset += kImageChunkBytes, ++n) {
+        CheckAbort();
         std::size_t count = std::min(kImageChunkBytes, image.size() - offset);
         DownloadImageChunk(n, CDatFile::EncodeParams({image.begin() + static_cast<std::ptrdiff_t>(offset),
                                                       image.begin() + static_cast<std::ptrdiff_t>(offset + count)}));
@@ -161,6 +169,7 @@ void CProductMethods::DownloadProgram(const std::string& text, Window* pProgress
     Query("CP", kMethodsCommandTimeoutMs);
     std::size_t done = 0;
     for (const std::string& line : lines) {
+        CheckAbort();
         // No carriage return: the link sends a "DL" line that ends with a backslash as it stands.
         Query("DL" + line + "\\", kMethodsCommandTimeoutMs);
         done += line.size() + 1;

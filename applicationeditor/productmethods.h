@@ -13,6 +13,7 @@
 // Failures are thrown as CCommunication::CExceptionComm.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -40,6 +41,17 @@ constexpr std::size_t kImageChunkBytes = 2048;
 constexpr std::size_t kMaxImageBytes = 1u << 20;
 /// Time-out of "CP", "CC" and "VR" as the application operations send them [ms].
 constexpr std::uint32_t kMethodsCommandTimeoutMs = 5000;
+
+/// What a transfer throws when it finds its abort flag set: a
+/// CExceptionComm (source kErrSrcLink) of its own type, so that the one who
+/// set the flag can tell it from a failure of the link.
+class CTransferAborted : public CCommunication::CExceptionComm {
+public:
+    explicit CTransferAborted(CCommunication* link)
+        : CCommunication::CExceptionComm(-1, link, kErrSrcLink, "The transfer was stopped by the user.")
+    {
+    }
+};
 
 class CProductMethods {
 public:
@@ -75,6 +87,11 @@ public:
     /// "CC": the drive checks and compiles its program; returns its answer.
     std::string CompileProgram();
 
+    /// The flag the transfers check before each chunk and each program
+    /// line (not owned; null: none); when it reads nonzero they stop there
+    /// and throw CTransferAborted. What went to the drive before stays.
+    void SetAbortFlag(const std::atomic<std::int32_t>* pAbort) { m_pAbort = pAbort; }
+
     CCommunication& GetLink() const { return m_Link; }
     /// The layout of the drive's version (the link's "VR" answer) in the
     /// version database, or null when it is not listed.
@@ -108,8 +125,11 @@ protected:
     /// A time-out for a command or reply of bytes: 2 s plus twice its wire
     /// time at the descriptor's baud rate.
     std::uint32_t TransferTimeoutMs(std::size_t bytes) const;
+    /// Throws CTransferAborted when the abort flag is set.
+    void CheckAbort();
 
     CCommunication& m_Link;
+    const std::atomic<std::int32_t>* m_pAbort = nullptr;
 };
 
 /// The methods object for link, chosen by the drive family its
