@@ -129,6 +129,7 @@ struct CSimDrive::Impl {
     std::string sProduct;
     std::string sFamily;
     std::string sVersion;
+    std::string sReportedVersion; // what "VR" answers when not empty
     std::shared_ptr<const CSimVersionDb> pDb;
     const SimParamList* pList = nullptr;
     std::vector<double> arValues;
@@ -506,7 +507,7 @@ int CSimDrive::Impl::Builtin(const SimCommand& command, std::string& value)
     if (command.bAssign)
         return kErrCannotAssign;
     if (m == "VR") {
-        value = sVersion;
+        value = sReportedVersion.empty() ? sVersion : sReportedVersion;
     } else if (m == "SR") {
         value = std::to_string(StatusWord());
     } else if (m == "EC") {
@@ -706,6 +707,12 @@ SimReply CSimDrive::Execute(const std::string& command)
 std::string CSimDrive::VersionString() const
 {
     return m_pImpl->sVersion;
+}
+
+void CSimDrive::SetReportedVersion(const std::string& text)
+{
+    std::lock_guard lock(m_pImpl->csDrive);
+    m_pImpl->sReportedVersion = text;
 }
 
 std::string CSimDrive::Family() const

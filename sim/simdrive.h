@@ -44,6 +44,10 @@ public:
     SimReply Execute(const std::string& command);
     /// "<product> a.b.c.d", as "VR" answers.
     std::string VersionString() const;
+    /// Makes "VR" answer text instead of VersionString(), the parameters
+    /// staying those of the drive's own version: a firmware that reports
+    /// another version, for the version checks of clients. "" undoes it.
+    void SetReportedVersion(const std::string& text);
     /// "DSP", "STP" or "BreNol".
     std::string Family() const;
 

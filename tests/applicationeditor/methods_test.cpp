@@ -25,52 +25,11 @@
 namespace tessitor {
 namespace {
 
+using test::Connect;
 using test::CRecordingWindow;
+using test::DriveLink;
+using test::Face;
 using test::Thrown;
-
-enum class Face { kSerial, kTcp, kCan };
-
-// A virtual drive of product reached over the serial face, the network device or a CAN bus.
-struct DriveLink {
-    std::unique_ptr<sim::CSimSerialServer> pSerial;
-    std::unique_ptr<sim::CSimTcpServer> pDevice;
-    std::unique_ptr<sim::CSimSlcanServer> pBus;
-    std::unique_ptr<CCommunication> pLink;
-};
-
-DriveLink Connect(const std::string& product, Face face)
-{
-    DriveLink d;
-    if (face == Face::kCan) {
-        d.pBus = std::make_unique<sim::CSimSlcanServer>();
-        d.pBus->AddNode(std::make_shared<sim::CSimDrive>(product), 5);
-        d.pBus->Start();
-        CCommunicationInfo info;
-        info.m_sCommType = "CAN";
-        info.sManufacture = "SLCAN";
-        info.sBoardType = d.pBus->SlavePath();
-        info.mNodeID = 5;
-        info.mBaudRateIndex = 7;
-        d.pLink = CreateLink(info);
-    } else if (face == Face::kTcp) {
-        d.pDevice = std::make_unique<sim::CSimTcpServer>(product);
-        d.pDevice->Start();
-        CCommunicationInfo info;
-        info.m_sCommType = "TCP";
-        info.abIP = {127, 0, 0, 1};
-        info.sDesc = "RS232 Port 1";
-        d.pLink = std::make_unique<CTCP>(info, d.pDevice->Port());
-    } else {
-        d.pSerial = std::make_unique<sim::CSimSerialServer>(std::make_shared<sim::CSimDrive>(product));
-        d.pSerial->Start();
-        auto link = std::make_unique<CRs232>(CCommunicationInfo{});
-        link->SetDevicePath(d.pSerial->SlavePath());
-        d.pLink = std::move(link);
-    }
-    EXPECT_EQ(0, d.pLink->Connect());
-    d.pLink->Identify();
-    return d;
-}
 
 TEST(ProductMethods, ImageAndProgramTravelBothWaysOverSerialTcpAndCanForBothFamilies)
 {
