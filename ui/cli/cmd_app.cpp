@@ -1,12 +1,20 @@
-// tessitor app show: what an application file holds, its parameter image
-// decoded through the version database.
+// tessitor app: back a drive up into an application file (save), restore
+// it (download, with the version checks and the converter), show what a
+// file holds and compare parameters (diff).
+#include <unistd.h>
+
 #include <cstdio>
+#include <map>
+#include <mutex>
 #include <stdexcept>
 
 #include "applicationeditor/datfile.h"
+#include "applicationeditor/openexistapp.h"
 #include "applicationeditor/productmethods.h"
+#include "applicationeditor/saveexistapp.h"
 #include "applicationeditor/versiondb.h"
 #include "core/strformat.h"
+#include "core/window.h"
 #include "ui/cli/clicontext.h"
 
 namespace tessitor::cli {
@@ -121,6 +129,186 @@ int ShowApplication(const std::string& path, bool json)
     return 0;
 }
 
+
+// The status and the transfers of a save or a download as one line on
+// stderr, on a terminal only: "Program downloading... 1200 of 4096 bytes".
+class CAppProgress : public Window {
+public:
+    CAppProgress() : m_bShow(::isatty(STDERR_FILENO) != 0) {}
+    ~CAppProgress() override { Show(""); }
+    CAppProgress(const CAppProgress&) = delete;
+    CAppProgress& operator=(const CAppProgress&) = delete;
+
+    void SetPhase(const std::string& text)
+    {
+        m_sPhase = text;
+        Show(text);
+    }
+    void PostMessage(unsigned message, std::uintptr_t wParam, std::intptr_t lParam) override
+    {
+        SendMessage(message, wParam, lParam);
+    }
+    std::intptr_t SendMessage(unsigned message, std::uintptr_t wParam, std::intptr_t lParam) override
+    {
+        switch (message) {
+        case kMsgAppStatus:
+            SetPhase(reinterpret_cast<const char*>(lParam));
+            break;
+        case kMsgTransferStart:
+            Show(m_sPhase);
+            break;
+        case kMsgTransferStep:
+            Show(lParam > 0 ? StrFormat("%s %zu of %ld bytes", m_sPhase.c_str(), static_cast<std::size_t>(wParam),
+                                        static_cast<long>(lParam))
+                            : StrFormat("%s %zu bytes", m_sPhase.c_str(), static_cast<std::size_t>(wParam)));
+            break;
+        case kMsgTransferEnd:
+            Show("");
+            break;
+        default:
+            break;
+        }
+        return 0;
+    }
+
+private:
+    void Show(const std::string& text)
+    {
+        std::lock_guard lock(m_csLine);
+        if (m_bShow && (m_bShown || !text.empty())) {
+            std::fprintf(stderr, "\r\x1b[K%s", text.c_str());
+            std::fflush(stderr);
+            m_bShown = !text.empty();
+        }
+    }
+
+    std::mutex m_csLine;
+    const bool m_bShow;
+    bool m_bShown = false;
+    std::string m_sPhase;
+};
+
+int SaveApplication(CCliContext& context, const std::string& path)
+{
+    CCommunication& link = context.Connect();
+    auto methods = CreateProductMethods(link);
+    CAppProgress progress;
+    progress.SetPhase("Parameters uploading...");
+    CSaveExistApp save(link, *methods, &progress);
+    // Ctrl-C stops the upload at its next chunk; the file then keeps its old parameters.
+    CSignalThread::CStopRequest stop([&save] { save.AbortFlag() = 1; });
+    CSaveExistApp::Result result = save.Save(path);
+    progress.SetPhase("");
+    if (result == CSaveExistApp::Result::kAborted)
+        std::fprintf(stderr, "tessitor: the save was stopped; %s holds the drive's version only\n", path.c_str());
+    if (result != CSaveExistApp::Result::kSaved)
+        return 1;
+    context.Disconnect();
+    return 0;
+}
+
+int DownloadApplication(CCliContext& context, const std::string& path)
+{
+    CCommunication& link = context.Connect();
+    auto methods = CreateProductMethods(link);
+    CAppProgress progress;
+    COpenExistApp dialog(link, methods.get(), &progress);
+    // Ctrl-C is the "&Break" button.
+    CSignalThread::CStopRequest stop([&dialog] { dialog.AbortFlag() = 1; });
+    COpenExistApp::Result result = dialog.Download(path);
+    progress.SetPhase("");
+    switch (result) {
+    case COpenExistApp::Result::kDownloaded:
+        if (!dialog.GetConvertedPath().empty())
+            std::fprintf(stderr, "tessitor: downloaded %s, converted from %s\n", dialog.GetConvertedPath().c_str(),
+                         path.c_str());
+        context.Disconnect();
+        return 0;
+    case COpenExistApp::Result::kDeclined:
+        std::fprintf(stderr, "tessitor: not converted, nothing downloaded\n");
+        return 1;
+    case COpenExistApp::Result::kNothing:
+        throw UsageError("'" + path + "' is not an application file (.dat)");
+    default:
+        return 1;
+    }
+}
+
+// The parameters of an image by name, in the image's order, as text.
+using ParameterList = std::vector<std::pair<std::string, std::string>>;
+
+ParameterList Parameters(const std::string& version, const std::string& hex, const std::string& where)
+{
+    std::shared_ptr<const CVersionDb> db;
+    try {
+        db = CVersionDb::Default();
+    } catch (const std::runtime_error& e) {
+        throw Failure(std::string("The version database cannot be read: ") + e.what());
+    }
+    const VersionLayout* layout = db->Find(version);
+    if (!layout)
+        throw Failure(where + ": the version database has no parameter layout for the version \"" + version + "\".");
+    std::vector<std::uint8_t> image;
+    if (std::string problem = layout->ImageFromText(hex, image); !problem.empty())
+        throw Failure(where + ": " + problem);
+    ParameterList list;
+    std::size_t offset = 0;
+    for (const CControlItem& item : layout->arItems) {
+        list.emplace_back(item.GetName(), Printable(item.GetText(image.data() + offset, layout->bWordSwap)));
+        offset += static_cast<std::size_t>(item.GetSize());
+    }
+    return list;
+}
+
+// Exit status of a diff that found differences (0: none; 1 and 2 keep their meanings).
+constexpr int kExitDifferent = 3;
+
+int DiffApplications(CCliContext& context, const std::string& first, const std::string& second)
+{
+    for (const std::string& path : {first, second})
+        if (!path.empty() && !CDatFile(path).IsLoaded())
+            throw Failure("tessitor: cannot read " + path);
+    CDatFile a(first);
+    std::string versionA = a.GetVersionString(), versionB, hexB, whereB = second;
+    if (second.empty()) {
+        CCommunication& link = context.Connect();
+        auto methods = CreateProductMethods(link);
+        CAppProgress progress;
+        progress.SetPhase("Parameters uploading...");
+        versionB = link.GetVersionText();
+        hexB = methods->UploadImage(&progress);
+        progress.SetPhase("");
+        whereB = "the drive";
+    } else {
+        CDatFile b(second);
+        versionB = b.GetVersionString();
+        hexB = b.GetParams();
+    }
+    ParameterList left = Parameters(versionA, a.GetParams(), first);
+    ParameterList right = Parameters(versionB, hexB, whereB);
+    if (second.empty())
+        context.Disconnect();
+
+    std::map<std::string, std::string> rightByName(right.begin(), right.end());
+    std::map<std::string, std::string> leftByName(left.begin(), left.end());
+    std::vector<std::string> lines;
+    if (versionA != versionB)
+        lines.push_back("version: " + versionA + " | " + versionB);
+    for (const auto& [name, value] : left) {
+        auto found = rightByName.find(name);
+        if (found == rightByName.end())
+            lines.push_back(name + ": " + value + " | (none)");
+        else if (found->second != value)
+            lines.push_back(name + ": " + value + " | " + found->second);
+    }
+    for (const auto& [name, value] : right)
+        if (!leftByName.count(name))
+            lines.push_back(name + ": (none) | " + value);
+    for (const std::string& line : lines)
+        PrintLine(line);
+    return lines.empty() ? 0 : kExitDifferent;
+}
+
 } // namespace
 
 void RegisterAppCommand(CLI::App& app, CCliContext& context)
@@ -144,6 +332,55 @@ void RegisterAppCommand(CLI::App& app, CCliContext& context)
                     "printed all the same.\n\n"
                     "Examples:\n  tessitor app show drive.dat\n  tessitor app show drive.dat --json");
     context.SetAction(showCmd, [show] { return ShowApplication(show->sPath, show->bJson); }, CommandUse::kNothing);
+
+    auto paths = std::make_shared<std::vector<std::string>>(2);
+    CLI::App* saveCmd = sub->add_subcommand("save", "Save the drive's version, parameters, connection and program into a file");
+    saveCmd->add_option("FILE", (*paths)[0], "The application file (.dat)")->required();
+    saveCmd->footer("Uploads the drive's parameter image and user program and stores them, with the\n"
+                    "drive's version and the connection, into FILE. An existing FILE keeps its other\n"
+                    "groups and fields in their order; it is replaced through a temporary file, so a\n"
+                    "failure leaves it whole. Progress shows on a terminal; Ctrl-C stops the upload.\n\n"
+                    "Exit status: 0 saved; 1 the drive, the link or the file failed (a read-only FILE:\n"
+                    "\"Can't open file to write: ...\", FILE unchanged); 2 wrong usage.\n\n"
+                    "Examples:\n  tessitor --sim app save drive.dat\n"
+                    "  tessitor --serial /dev/ttyUSB0 app save drive.dat");
+    context.SetAction(saveCmd, [&context, paths] { return SaveApplication(context, (*paths)[0]); },
+                      CommandUse::kConnection);
+
+    CLI::App* downloadCmd = sub->add_subcommand("download", "Check an application file against the drive and download it");
+    downloadCmd->add_option("FILE", (*paths)[0], "The application file (.dat)")->required();
+    downloadCmd->footer(
+        "Compares the drive's version (\"VR\") with the file's: another product (\"Incompatible\n"
+        "products\") or another first number (\"Incompatible versions\") is refused; another\n"
+        "second number asks \"Difference versions: ... Do you want to make convert?\" (--yes /\n"
+        "--no answer it without a terminal; without either, no). Yes runs the converter\n"
+        "(tessitor-convert, or [Tools] Converter in the settings), which writes FILE-A.B.C.D.dat\n"
+        "beside FILE, and that file is downloaded. Then the user program (when the file has one)\n"
+        "and the parameter image go to the drive; the drive takes the image only with its motor\n"
+        "off. Progress shows on a terminal; Ctrl-C is the Break button: the transfer stops at\n"
+        "its next chunk or program line. A .mdb file (application database) is not supported.\n\n"
+        "Exit status: 0 downloaded; 1 refused, not converted, stopped, or the drive or the link\n"
+        "failed (the drive untouched unless the program had gone down); 2 wrong usage.\n\n"
+        "Examples:\n  tessitor --serial /dev/ttyUSB0 app download drive.dat\n"
+        "  tessitor --last app download drive.dat --yes");
+    context.SetAction(downloadCmd, [&context, paths] { return DownloadApplication(context, (*paths)[0]); },
+                      CommandUse::kConnection);
+
+    CLI::App* diffCmd = sub->add_subcommand("diff", "List the parameters that differ: a file against the drive, or two files");
+    diffCmd->add_option("FILE", (*paths)[0], "The application file (.dat)")->required()->check(CLI::ExistingFile);
+    diffCmd->add_option("FILE2", (*paths)[1], "A second file; without it, the connected drive")
+        ->check(CLI::ExistingFile);
+    diffCmd->footer("Decodes both parameter images through the version database and prints one line\n"
+                    "for each parameter whose value differs, in the first image's order:\n"
+                    "  NAME: VALUE-IN-FILE | VALUE-IN-FILE2-OR-DRIVE\n"
+                    "\"(none)\" stands for a parameter the other version does not have; a line\n"
+                    "\"version: A | B\" comes first when the versions differ. Without FILE2 the\n"
+                    "drive's image is uploaded (a connection option is needed).\n\n"
+                    "Exit status: 0 no differences; 3 differences listed; 1 a file or the drive\n"
+                    "failed; 2 wrong usage.\n\n"
+                    "Examples:\n  tessitor --sim app diff drive.dat\n  tessitor app diff old.dat new.dat");
+    context.SetAction(diffCmd, [&context, paths] { return DiffApplications(context, (*paths)[0], (*paths)[1]); },
+                      CommandUse::kConnection);
 }
 
 } // namespace tessitor::cli
