@@ -136,4 +136,15 @@ TEST_F(AppCliTest, VersionChecksAskOrRefuseAndLeaveTheDriveAlone)
     EXPECT_EQ("kept", ReadFile(readOnly));
 }
 
+TEST_F(AppCliTest, DemoRecordsSavesChangesAndRestores)
+{
+    ProcessResult demo = Tessitor({}, {"demo", "--dir", m_Dir / "demo"});
+
+    EXPECT_EQ(0, demo.nStatus) << demo.sErr;
+    EXPECT_NE(std::string::npos, demo.sOut.find("Scope.sdv: 800 samples, position 0 to 4000 counts")) << demo.sOut;
+    EXPECT_NE(std::string::npos, demo.sOut.find("KP[3]=250, read back 250\n")) << demo.sOut;
+    EXPECT_NE(std::string::npos, demo.sOut.find("KP[3] is back: 120\n")) << demo.sOut;
+    EXPECT_EQ("Talvina 2.1.0.0", CDatFile(m_Dir / "demo/drive.dat").GetVersionString());
+}
+
 } // namespace
