@@ -200,13 +200,21 @@ TEST_F(CliTest, WrongUsageIsPreciseExitsTwoAndSendsNothing)
         {{"send", "--serial", m_Peer.Path(), "--baud", "fast", "PX"}, "is not a number"},
         {{"send", "--serial", m_Peer.Path(), "--product", "Vosk", "PX"}, "--product goes with --sim"},
         {{"send", "--last", "--baud", "9600", "PX"}, "--baud goes with --serial or --sim"},
-        {{"term", "--serial", m_Peer.Path(), "--yes", "--no"}, "--yes excludes --no"},
+        {{"send", "--product", "Vosk", "PX"}, "--product goes with --sim, which is not given"},
+        {{"term", "--serial", m_Peer.Path(), "--yes", "--no"}, "--yes and --no contradict"},
+        {{"send", "--can", "slcan:" + m_Peer.Path(), "--node", "five", "PX"}, "--node: 'five' is not a number"},
+        {{"send", "--can", "slcan:" + m_Peer.Path(), "--node", "5", "--bitrate", "fast", "PX"},
+         "--bitrate: 'fast' is not a number"},
+        {{"record", "--serial", m_Peer.Path(), "--gap", "x"}, "--gap: 'x' is not a number"},
         {{"send", "--tcp", "[::1", "--target", "RS232 Port 1", "PX"}, "bad --tcp"},
         {{"send", "--tcp", "localhost:http", "--target", "RS232 Port 1", "PX"}, "the port is not a number"},
         {{"conn", "decode", "not a descriptor"}, "malformed one-line form"},
         {{"conn", "decode", "--serial", m_Peer.Path(), "x"}, "'conn decode' takes no --serial"},
         {{"sned", "--serial", m_Peer.Path(), "PX"}, "unknown command 'sned'"},
-        {{}, "required"},
+        {{"--serial", m_Peer.Path(), "--timeout", "5", "sned", "PX"}, "unknown command 'sned'"},
+        {{"conn", "sned"}, "unknown command 'conn sned' (commands: encode, decode, show)"},
+        {{"conn"}, "'conn' needs a command"},
+        {{}, "a command is required (commands: send, term, info"},
     };
     for (const Case& c : bad) {
         ProcessResult r = Run(c.args);
@@ -222,11 +230,25 @@ TEST_F(CliTest, WrongUsageIsPreciseExitsTwoAndSendsNothing)
     ProcessResult version = Run({"--version"});
     EXPECT_EQ(version.nStatus, 0);
     EXPECT_EQ(version.sOut.rfind("tessitor ", 0), 0u) << version.sOut;
-    for (const char* command : {"send", "term", "info"}) {
-        ProcessResult help = Run({command, "--help"});
+    ProcessResult fullHelp = RunProcess({"/bin/sh", "-c", "exec \"$0\" --help >/dev/full", TessitorPath()}, Env());
+    EXPECT_EQ(fullHelp.nStatus, 1);
+    EXPECT_NE(fullHelp.sErr.find("cannot write to standard output"), std::string::npos) << fullHelp.sErr;
+    const std::string mainHelp = Run({"--help"}).sOut;
+    const std::string mainExamples = mainHelp.substr(mainHelp.find("Examples:"));
+    for (std::vector<std::string> command : {std::vector<std::string>{"send"}, {"term"}, {"info"}, {"record"},
+                                             {"record", "list"}, {"sdo", "upload"}, {"can", "dump"}}) {
+        command.push_back("--help");
+        ProcessResult help = Run(command);
         EXPECT_EQ(help.nStatus, 0);
-        EXPECT_NE(help.sOut.find("Connection:\n  --serial PATH"), std::string::npos) << command << help.sOut;
-        EXPECT_NE(help.sOut.find("Example"), std::string::npos) << command;
+        EXPECT_NE(help.sOut.find("Connection:\n  --serial PATH"), std::string::npos) << command[0] << help.sOut;
+        EXPECT_NE(help.sOut.find("Example"), std::string::npos) << command[0];
+    }
+    for (std::vector<std::string> command : {std::vector<std::string>{"conn"}, {"can"}, {"app"}, {"record", "list"}}) {
+        command.push_back("--help");
+        std::string help = Run(command).sOut;
+        EXPECT_NE(help.find("Example"), std::string::npos) << help;
+        EXPECT_EQ(help.find(mainExamples), std::string::npos) << "only the command's own examples: " << help;
+        EXPECT_EQ(help.find("Levels:"), std::string::npos) << "not those of 'record': " << help;
     }
     EXPECT_EQ(Run({"conn", "decode", "--help"}).sOut.find("Connection:"), std::string::npos);
 }

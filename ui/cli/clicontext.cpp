@@ -81,6 +81,8 @@ int CCliContext::Run()
             chosen = &entry;
     if (!chosen)
         throw UsageError("a command is required");
+    if (m_Options.m_bYes && m_Options.m_bNo)
+        throw UsageError("--yes and --no contradict each other: give one of them");
     CommandUse use = UseOf(chosen->first);
     if (use != CommandUse::kConnection)
         for (const std::string& option : m_Options.GivenConnectionOptions())

@@ -315,6 +315,7 @@ void RegisterAppCommand(CLI::App& app, CCliContext& context)
 {
     CLI::App* sub = app.add_subcommand("app", "Application files: a drive's parameters, program and connection");
     sub->require_subcommand(1);
+    sub->footer("Example:\n  tessitor app show drive.dat");
 
     struct ShowOptions {
         std::string sPath;

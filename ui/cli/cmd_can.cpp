@@ -52,7 +52,8 @@ void CConnectionOptions::AddCanOptionsTo(CLI::App& app, const char* group)
         ->type_name("ADAPTER")
         ->group(group);
     app.add_option("--node", m_nNode, "CANopen node id of the drive, 1..127 (with --can)")
-        ->check(CLI::Range(1u, static_cast<unsigned>(kMaxNodeId)))
+        ->type_name("N")
+        ->check(NumberIn(1, kMaxNodeId))
         ->group(group);
     app.add_option("--bitrate", m_nBitrateKbit, "CAN bit rate in kbit/s: 10, 20, 50, 100, 125, 250, 500, 1000")
         ->default_val(kDefaultBitrateKbit)
@@ -94,6 +95,7 @@ void RegisterCanCommand(CLI::App& app, CCliContext& context)
 {
     CLI::App* can = app.add_subcommand("can", "Watch a CAN bus");
     can->require_subcommand(1);
+    can->footer("Example:\n  tessitor can dump --can slcan:/dev/ttyACM0 --bitrate 500");
     CLI::App* dump = can->add_subcommand("dump", "Print every frame on the bus with its CANopen reading");
     dump->footer("Prints one line a frame until interrupted (Ctrl-C):\n"
                  "  (SECONDS) ID#DATA  READING\n"

@@ -10,6 +10,10 @@ void RegisterConnCommand(CLI::App& app, CCliContext& context)
 {
     CLI::App* conn = app.add_subcommand("conn", "Show a connection in its text forms");
     conn->require_subcommand(1);
+    conn->footer("Examples:\n"
+                 "  tessitor conn encode --serial /dev/ttyUSB0 --baud 57600\n"
+                 "  tessitor conn decode \"$(tessitor conn encode --last)\"\n"
+                 "  tessitor conn show --tcp 192.168.0.20 --target \"RS232 Port 1\"");
 
     CLI::App* encode = conn->add_subcommand("encode", "Print the one-line form of the connection options");
     encode->footer("The form holds 0x01 bytes where its strings have blanks. To a pipe or file it is\n"
@@ -36,11 +40,7 @@ void RegisterConnCommand(CLI::App& app, CCliContext& context)
     context.SetAction(
         decode,
         [line] {
-            CCommunicationInfo info;
-            std::string text;
-            if (!ShellUnquoted(*line, text) || !info.FromLine(text))
-                throw UsageError("malformed one-line form: '" + CutMiddle(*line) + "'");
-            PrintValue(info.GetDisplayText());
+            PrintValue(CConnectionOptions::ReadConnLine(*line).GetDisplayText());
             return 0;
         },
         CommandUse::kNothing);

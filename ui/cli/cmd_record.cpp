@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <limits>
 #include <mutex>
 #include <thread>
 
@@ -358,9 +359,11 @@ void RegisterRecordCommand(CLI::App& app, CCliContext& context)
     sub->add_option("--level2", options->dLevel2, "High level: of a rising edge, and the window's high side")
         ->type_name("X");
     sub->add_option("--gap", options->nGap, "Record every Nth sample of the drive (RG) (default 1)")
-        ->check(CLI::PositiveNumber);
+        ->type_name("N")
+        ->check(NumberIn(1, std::numeric_limits<unsigned>::max()));
     sub->add_option("--length", options->nLength, "Samples per signal (RL) (default 1000)")
-        ->check(CLI::PositiveNumber);
+        ->type_name("N")
+        ->check(NumberIn(1, std::numeric_limits<unsigned>::max()));
     sub->add_option("--pretrigger", options->sPreTrigger,
                     "Part of the recording before the trigger, with its % sign (default 0%)")
         ->type_name("PERCENT%");
@@ -395,6 +398,7 @@ void RegisterRecordCommand(CLI::App& app, CCliContext& context)
                 "  tessitor --sim record map 8=\"Analog Input 1\" 9=none");
 
     CLI::App* list = sub->add_subcommand("list", "Print the trigger list rows and the slots with their signals");
+    list->footer("Example:\n  tessitor record list --serial /dev/ttyUSB0");
     CLI::App* map = sub->add_subcommand("map", "Show the slots, or map them to signals (RV[n]=code), Talvina family");
     map->add_option("SLOT=NAME", options->arMap, "Slot 0..15 and a signal name of Vectors.ini, or none");
     map->footer("Without arguments prints the slots. Names are those of the Talvina section of\n"

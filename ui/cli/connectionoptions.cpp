@@ -167,9 +167,8 @@ void CConnectionOptions::AddTo(CLI::App& app)
         ->group(group);
     app.add_flag("--no-echo-check", m_bNoEchoCheck, "Do not check the drive's echo (\"Don't Check Echo\")")
         ->group(group);
-    CLI::Option* yes = app.add_flag("--yes", m_bYes, "Answer yes to questions when no terminal is there");
-    yes->group("Answers");
-    app.add_flag("--no", m_bNo, "Answer no to questions when no terminal is there")->group("Answers")->excludes(yes);
+    app.add_flag("--yes", m_bYes, "Answer yes to questions when no terminal is there")->group("Answers");
+    app.add_flag("--no", m_bNo, "Answer no to questions when no terminal is there")->group("Answers");
     m_arOptions = app.get_options(
         [](CLI::Option* o) { return o->get_group() == "Connection" || o->get_group() == "Answers"; });
 }
@@ -224,12 +223,10 @@ ResolvedConnection CConnectionOptions::Resolve()
         if (KindGiven(kind))
             given.push_back(&kind);
     }
-    if (given.empty())
-        throw UsageError("no connection given: use one of " + names);
     if (given.size() > 1)
         throw UsageError(std::string("give one connection only, not both ") + given[0]->pszOption + " and "
                          + given[1]->pszOption);
-    const std::string chosen = given[0]->pszOption;
+    const std::string chosen = given.empty() ? std::string() : given[0]->pszOption;
     for (const CompanionOption& companion : Companions()) {
         if (!Given(companion.pszOption))
             continue;
@@ -238,8 +235,11 @@ ResolvedConnection CConnectionOptions::Resolve()
         std::string kindsText;
         for (const char* kind : companion.arKinds)
             kindsText += std::string(kindsText.empty() ? "" : " or ") + kind;
-        throw UsageError(std::string(companion.pszOption) + " goes with " + kindsText + ", not with " + chosen);
+        throw UsageError(std::string(companion.pszOption) + " goes with " + kindsText
+                         + (chosen.empty() ? std::string(", which is not given") : ", not with " + chosen));
     }
+    if (given.empty())
+        throw UsageError("no connection given: use one of " + names);
 
     Settings settings = Settings::User();
     if (!settings.LoadError().empty())
@@ -269,12 +269,19 @@ ResolvedConnection CConnectionOptions::ResolveSerial(Settings& settings)
     return r;
 }
 
+CCommunicationInfo CConnectionOptions::ReadConnLine(const std::string& text)
+{
+    CCommunicationInfo info;
+    std::string line, why = "it is not a $'...' word a shell would read";
+    if (!ShellUnquoted(text, line) || !info.FromLine(line, &why))
+        throw UsageError("malformed one-line form '" + CutMiddle(text) + "': " + why);
+    return info;
+}
+
 ResolvedConnection CConnectionOptions::ResolveConnLine(Settings&)
 {
     ResolvedConnection r;
-    std::string line;
-    if (!ShellUnquoted(m_sConnLine, line) || !r.info.FromLine(line))
-        throw UsageError("malformed one-line form: '" + CutMiddle(m_sConnLine) + "'");
+    r.info = ReadConnLine(m_sConnLine);
     return r;
 }
 
@@ -283,12 +290,14 @@ ResolvedConnection CConnectionOptions::ResolveLast(Settings& settings)
     ResolvedConnection r;
     auto line = settings.Get(kSettingsSection, kSettingsKey);
     if (!line || line->empty())
-        throw UsageError("no connection has succeeded yet, so --last has nothing to use");
-    if (!r.info.FromLine(*line))
-        throw Failure("tessitor: the last connection in " + settings.Path() + " is malformed: '" + CutMiddle(*line) + "'");
+        throw UsageError("no connection is remembered yet, so --last has nothing to use (a pseudo-terminal, a path "
+                         "outside /dev and --sim are never remembered)");
+    if (std::string why; !r.info.FromLine(*line, &why))
+        throw Failure("tessitor: the last connection in " + settings.Path() + " is malformed ('" + CutMiddle(*line)
+                      + "'): " + why);
     if (r.info.GetKind() == kKindTcp || r.info.GetKind() == kKindTcpKmas) {
         r.options.sTcpHost = settings.GetString(kSettingsSection, kSettingsHostKey);
-                int port = settings.GetInt(kSettingsSection, kSettingsPortKey, 0);
+        int port = settings.GetInt(kSettingsSection, kSettingsPortKey, 0);
         if (port > 0 && port <= 65535)
             r.options.wTcpPort = static_cast<std::uint16_t>(port);
     }
@@ -306,7 +315,7 @@ ResolvedConnection CConnectionOptions::ResolveTcp(Settings&)
     int a = 0, b = 0;
     r.info.m_sCommType = "TCP";
     r.info.abIP = ResolveHost(r.options.sTcpHost);
-        r.info.sDesc = m_sTarget;
+    r.info.sDesc = m_sTarget;
     r.info.nType = std::sscanf(m_sTarget.c_str(), "CANopen Bus %d NodeID %d", &a, &b) == 2 ? 1 : 0;
     return r;
 }

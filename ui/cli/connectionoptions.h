@@ -46,6 +46,9 @@ public:
     /// in the port map), unless --last could not reach it again; a settings
     /// file that cannot be written is reported on stderr.
     static void Remember(const ResolvedConnection& r);
+    /// The descriptor of a one-line form as written or as a $'...' word;
+    /// throws UsageError saying what is wrong with a malformed one.
+    static CCommunicationInfo ReadConnLine(const std::string& text);
 
     /// True when an option naming a connection (--serial, --tcp, ...) was given.
     bool AnyGiven() const;

@@ -25,4 +25,13 @@ std::string CHelpFormatter::make_subcommands(const CLI::App* app, CLI::AppFormat
     return out + CLI::Formatter::make_subcommands(app, mode);
 }
 
+// A command is given its parent's footer when it is made: shown under the
+// command, the parent's examples would read as the command's own.
+std::string CHelpFormatter::make_footer(const CLI::App* app) const
+{
+    if (app->get_parent() && app->get_footer() == app->get_parent()->get_footer())
+        return {};
+    return CLI::Formatter::make_footer(app);
+}
+
 } // namespace tessitor::cli

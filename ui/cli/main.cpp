@@ -38,22 +38,45 @@ void PrintError(const std::string& message)
     std::fprintf(stderr, "%s\n", ForMessage(message, kMaxMessageBytes, true).c_str());
 }
 
-// "unknown command 'sned'" when the first word is not a command at all.
-bool ReportUnknownCommand(const CLI::App& app, int argc, char** argv)
+void PrintUsageError(const std::string& message)
 {
-    if (!app.get_subcommands().empty())
-        return false;
-    for (int i = 1; i < argc; ++i) {
-        std::string word = argv[i];
-        if (word.empty() || word[0] == '-')
-            continue;
-        std::string names;
-        for (const CLI::App* sub : app.get_subcommands([](const CLI::App*) { return true; }))
-            names += (names.empty() ? "" : ", ") + sub->get_name();
-        PrintError("tessitor: unknown command '" + CutMiddle(word) + "' (commands: " + names + ")");
-        return true;
+    PrintError("tessitor: " + message + "\nRun with --help for more information.");
+}
+
+// What CLI11 says of wrong usage, in this program's words where it matters:
+// a word where a command belongs is named, a command missing lists those
+// there are, and a value that does not convert is "not a number" (every
+// option that does not take text takes a number).
+std::string UsageText(const CLI::App& app, const CLI::ParseError& e)
+{
+    const CLI::App* level = &app;
+    std::string path;
+    while (!level->get_subcommands().empty()) {
+        level = level->get_subcommands().front();
+        path += (path.empty() ? "" : " ") + level->get_name();
     }
-    return false;
+    std::vector<const CLI::App*> choices = level->get_subcommands([](const CLI::App*) { return true; });
+    if (!choices.empty()) {
+        std::string names;
+        for (const CLI::App* sub : choices)
+            names += (names.empty() ? "" : ", ") + sub->get_name();
+        for (const std::string& word : app.remaining(true))
+            if (!word.empty() && word[0] != '-')
+                return "unknown command '" + CutMiddle((path.empty() ? "" : path + " ") + word) + "' (commands: "
+                       + names + ")";
+        if (dynamic_cast<const CLI::RequiredError*>(&e))
+            return (path.empty() ? std::string("a command is required") : "'" + path + "' needs a command")
+                   + " (commands: " + names + ")";
+    }
+    std::string text = e.what();
+    static const std::string kNotConverted = "Could not convert: ";
+    if (dynamic_cast<const CLI::ConversionError*>(&e) && text.rfind(kNotConverted, 0) == 0) {
+        std::size_t equals = text.find(" = ");
+        if (equals != std::string::npos)
+            return text.substr(kNotConverted.size(), equals - kNotConverted.size()) + ": '"
+                   + CutMiddle(text.substr(equals + 3)) + "' is not a number";
+    }
+    return text;
 }
 
 } // namespace
@@ -95,10 +118,14 @@ int main(int argc, char** argv)
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& e) {
-        return app.exit(e); // --help, --version
+        app.exit(e); // --help, --version
+        if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+            PrintError(std::string("tessitor: cannot write to standard output: ") + std::strerror(errno));
+            return kExitFailure;
+        }
+        return 0;
     } catch (const CLI::ParseError& e) {
-        if (!ReportUnknownCommand(app, argc, argv))
-            app.exit(e);
+        PrintUsageError(UsageText(app, e));
         return kExitUsage;
     }
 
@@ -110,7 +137,7 @@ int main(int argc, char** argv)
     try {
         status = context.Run();
     } catch (const UsageError& e) {
-        PrintError("tessitor: " + std::string(e.what()) + "\nRun with --help for more information.");
+        PrintUsageError(e.what());
         status = kExitUsage;
     } catch (const Failure& e) {
         PrintError(e.what());
