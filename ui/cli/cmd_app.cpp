@@ -315,7 +315,8 @@ void RegisterAppCommand(CLI::App& app, CCliContext& context)
 {
     CLI::App* sub = app.add_subcommand("app", "Application files: a drive's parameters, program and connection");
     sub->require_subcommand(1);
-    sub->footer("Example:\n  tessitor app show drive.dat");
+    sub->footer("Examples:\n  tessitor app show drive.dat\n  tessitor --serial /dev/ttyUSB0 app save drive.dat\n"
+                "  tessitor --last app diff drive.dat");
 
     struct ShowOptions {
         std::string sPath;
