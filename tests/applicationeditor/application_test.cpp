@@ -13,29 +13,15 @@
 #include "applicationeditor/datfile.h"
 #include "core/trace.h"
 #include "tests/applicationeditor/apptesthelpers.h"
+#include "tests/support/tracecapture.h"
 
 namespace tessitor {
 namespace {
 
 using test::CTempDir;
 using test::ReadFile;
+using test::TraceOf;
 using test::WriteFile;
-
-// The trace written while action runs.
-template <class F>
-std::string TraceOf(F&& action)
-{
-    std::FILE* sink = std::tmpfile();
-    Trace::SetStream(sink);
-    action();
-    Trace::SetStream(nullptr);
-    std::rewind(sink);
-    std::string text;
-    for (int c; (c = std::fgetc(sink)) != EOF;)
-        text += static_cast<char>(c);
-    std::fclose(sink);
-    return text;
-}
 
 TEST(ApplicationFile, MissingFileIsEmptyAndItsFirstSaveWritesOneGroupOfOneField)
 {
