@@ -1,11 +1,13 @@
 #include "core/atomicfile.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 
@@ -36,6 +38,38 @@ std::string FolderOf(const std::string& path)
 {
     fs::path parent = fs::path(path).parent_path();
     return parent.empty() ? "." : parent.string();
+}
+
+constexpr char kTempSuffix[] = ".tmp";
+
+// ".<file>.<pid>.<n>.tmp": a run killed between naming its file and the
+// rename leaves it behind, and a later save tells by the pid that nobody
+// is writing it any more.
+std::string TempName(const std::string& file, unsigned counter)
+{
+    return StrFormat(".%s.%d.%u%s", file.c_str(), static_cast<int>(::getpid()), counter, kTempSuffix);
+}
+
+void RemoveStaleTemps(const std::string& folder, const std::string& file)
+{
+    DIR* dir = ::opendir(folder.c_str());
+    if (!dir)
+        return;
+    const std::string prefix = "." + file + ".";
+    while (const dirent* entry = ::readdir(dir)) {
+        std::string name = entry->d_name;
+        if (!name.starts_with(prefix) || !name.ends_with(kTempSuffix))
+            continue;
+        std::string middle = name.substr(prefix.size(), name.size() - prefix.size() - std::strlen(kTempSuffix));
+        std::size_t dot = middle.find('.');
+        std::string pid = middle.substr(0, dot);
+        if (dot == std::string::npos || pid.empty() || pid.size() > 9
+            || middle.find_first_not_of("0123456789.") != std::string::npos)
+            continue;
+        if (::kill(static_cast<pid_t>(std::stol(pid)), 0) != 0 && errno == ESRCH)
+            ::unlinkat(::dirfd(dir), name.c_str(), 0);
+    }
+    ::closedir(dir);
 }
 
 } // namespace
@@ -75,30 +109,56 @@ bool CAtomicFile::Create()
     }
     struct stat old {};
     bool existed = ::stat(m_sTarget.c_str(), &old) == 0;
+    if (existed && !S_ISREG(old.st_mode)) {
+        m_nErrno = EINVAL;
+        m_sError = "not a regular file";
+        return false;
+    }
 
-    static std::atomic<unsigned> s_nCounter{0};
-    std::string folder = FolderOf(m_sTarget);
-    std::string name = fs::path(m_sTarget).filename().string();
-    for (int attempt = 0; attempt < 100 && m_hFile < 0; ++attempt) {
-        m_sTemp = (fs::path(folder) / StrFormat(".%s.%d.%u.tmp", name.c_str(), static_cast<int>(::getpid()),
-                                                s_nCounter.fetch_add(1)))
-                      .string();
-        // 0666 less the umask, as a new file gets; an old file's mode is copied below.
-        m_hFile = ::open(m_sTemp.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-        if (m_hFile < 0 && errno != EEXIST)
-            break;
-    }
-    if (m_hFile < 0) {
-        int error = errno;
-        m_sTemp.clear();
-        return Fail("create", error);
-    }
+    const std::string folder = FolderOf(m_sTarget);
+    RemoveStaleTemps(folder, fs::path(m_sTarget).filename().string());
+    // An unnamed file cannot be left behind by a killed run; it gets its
+    // name only when a writer needs one or its content is on the disk.
+    // 0666 less the umask, as a new file gets; an old file's mode is copied below.
+    m_hFile = ::open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0666);
+    if (m_hFile < 0 && !NameTemp(true))
+        return false;
     if (existed) {
         (void)::fchown(m_hFile, old.st_uid, old.st_gid); // keeps the owner where allowed
         (void)::fchmod(m_hFile, old.st_mode & 07777);
     }
     m_sError.clear();
     return true;
+}
+
+bool CAtomicFile::NameTemp(bool bCreate)
+{
+    static std::atomic<unsigned> s_nCounter{0};
+    const std::string folder = FolderOf(m_sTarget);
+    const std::string name = fs::path(m_sTarget).filename().string();
+    const std::string proc = "/proc/self/fd/" + std::to_string(m_hFile);
+    int error = 0;
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        std::string temp = (fs::path(folder) / TempName(name, s_nCounter.fetch_add(1))).string();
+        bool made = bCreate
+                        ? (m_hFile = ::open(temp.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666)) >= 0
+                        : ::linkat(AT_FDCWD, proc.c_str(), AT_FDCWD, temp.c_str(), AT_SYMLINK_FOLLOW) == 0;
+        if (made) {
+            m_sTemp = temp;
+            return true;
+        }
+        error = errno;
+        if (error != EEXIST)
+            break;
+    }
+    return Fail(bCreate ? "create" : "link", error);
+}
+
+const std::string& CAtomicFile::TempPath()
+{
+    if (m_sTemp.empty() && m_hFile >= 0)
+        NameTemp(false);
+    return m_sTemp;
 }
 
 bool CAtomicFile::Write(const std::string& bytes)
@@ -121,14 +181,13 @@ bool CAtomicFile::Commit()
         return Fail("create", EBADF);
     // fsync works on the file, so it also flushes what a library wrote
     // through a descriptor of its own.
-    if (::fsync(m_hFile) != 0) {
-        int error = errno;
-        ::close(m_hFile);
-        m_hFile = -1;
-        return Fail("fsync", error);
-    }
+    bool ok = ::fsync(m_hFile) == 0 || Fail("fsync", errno);
+    if (ok && m_sTemp.empty())
+        ok = NameTemp(false);
     int closed = ::close(m_hFile);
     m_hFile = -1;
+    if (!ok)
+        return false;
     if (closed != 0)
         return Fail("close", errno);
     if (::rename(m_sTemp.c_str(), m_sTarget.c_str()) != 0)

@@ -1,7 +1,10 @@
 // Replacing a file so that a failed or interrupted write leaves the old one
 // whole: the new content goes to a temporary file beside the real one (a
 // symbolic link is followed, not replaced), reaches the disk, and is renamed
-// over it. A file without write permission is refused, never replaced.
+// over it. A file without write permission, or one that is not a regular
+// file, is refused, never replaced. The temporary file has no name until it
+// needs one (O_TMPFILE), and a name a killed run left is removed by the
+// next save of the same file.
 //
 //   CAtomicFile file("drive.dat");
 //   if (!file.Create()) ... file.Error()            // "read-only", "create: ..."
@@ -28,13 +31,16 @@ public:
     /// the read-only attribute, also for root).
     bool IsReadOnly() const;
     /// Creates the temporary file in the target's folder, with the old
-    /// file's mode and (where allowed) owner. False when the target is
-    /// read-only or the file cannot be made; Error() says which.
+    /// file's mode and (where allowed) owner, after removing the named
+    /// temporary files of earlier runs that are gone. False when the target
+    /// is read-only or not a regular file, or the file cannot be made;
+    /// Error() says which.
     bool Create();
     /// The open temporary file (-1 before Create); closed by Commit.
     int Fd() const { return m_hFile; }
-    /// The temporary file's path, for writers that open files by name.
-    const std::string& TempPath() const { return m_sTemp; }
+    /// The temporary file's path, for writers that open files by name (it
+    /// is named now if it has no name yet); empty when naming failed.
+    const std::string& TempPath();
     /// Writes all of bytes to Fd(), retrying short writes; false on failure.
     bool Write(const std::string& bytes);
     /// Flushes the temporary file to the disk, renames it over the target and
@@ -48,6 +54,9 @@ public:
 
 private:
     bool Fail(const char* step, int error);
+    // Gives the temporary file a free name: a new named file (bCreate) or
+    // a link to the unnamed one.
+    bool NameTemp(bool bCreate);
 
     std::string m_sTarget;
     std::string m_sTemp;

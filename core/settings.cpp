@@ -1,85 +1,17 @@
 #include "core/settings.h"
 
 #include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "core/atomicfile.h"
 #include "core/strformat.h"
 
 namespace tessitor {
-namespace {
-
-constexpr int kMaxSymlinkHops = 40;
-constexpr char kTempSuffix[] = ".tmp";
-
-// The name a save gives its new content before the rename:
-// ".<file>.<pid>.tmp" beside the file. A run killed between naming and
-// renaming leaves it behind; the next save recognises it by its pid.
-std::string TempName(const std::string& file, pid_t pid)
-{
-    return "." + file + "." + std::to_string(pid) + kTempSuffix;
-}
-
-// Removes temporary files of earlier saves whose process is gone.
-void RemoveStaleTemps(const std::string& dir, const std::string& file)
-{
-    DIR* d = ::opendir(dir.c_str());
-    if (!d)
-        return;
-    const std::string prefix = "." + file + ".";
-    while (dirent* entry = ::readdir(d)) {
-        std::string name = entry->d_name;
-        if (name.size() <= prefix.size() + std::strlen(kTempSuffix) || name.compare(0, prefix.size(), prefix) != 0
-            || !name.ends_with(kTempSuffix))
-            continue;
-        std::string digits = name.substr(prefix.size(), name.size() - prefix.size() - std::strlen(kTempSuffix));
-        if (digits.find_first_not_of("0123456789") != std::string::npos || digits.size() > 9)
-            continue;
-        pid_t pid = static_cast<pid_t>(std::atol(digits.c_str()));
-        if (pid > 0 && ::kill(pid, 0) != 0 && errno == ESRCH)
-            ::unlinkat(::dirfd(d), name.c_str(), 0);
-    }
-    ::closedir(d);
-}
-
-// The file a path finally names, following symbolic links (a dangling link
-// names the file it would point to).
-std::filesystem::path FinalTarget(const std::filesystem::path& path)
-{
-    std::filesystem::path target = path;
-    for (int hop = 0; hop < kMaxSymlinkHops; ++hop) {
-        std::error_code ec;
-        if (!std::filesystem::is_symlink(std::filesystem::symlink_status(target, ec)))
-            break;
-        std::filesystem::path next = std::filesystem::read_symlink(target, ec);
-        if (ec)
-            break;
-        target = next.is_absolute() ? next : target.parent_path() / next;
-    }
-    return target.lexically_normal();
-}
-
-bool WriteAll(int fd, const std::string& bytes)
-{
-    size_t done = 0;
-    while (done < bytes.size()) {
-        ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        done += static_cast<size_t>(n);
-    }
-    return true;
-}
-
-} // namespace
 
 Settings::Settings(std::string path) : m_sPath(std::move(path))
 {
@@ -244,76 +176,17 @@ bool Settings::Save()
     m_sSaveError.clear();
     if (!m_sLoadError.empty())
         return Fail("it could not be read, so it is left as it is (" + m_sLoadError + ")", EINVAL);
-    const std::filesystem::path target = FinalTarget(m_sPath);
-    const std::string dir = target.has_parent_path() ? target.parent_path().string() : ".";
-    const std::string file = target.filename().string();
-
-    struct stat old {};
-    const bool exists = ::stat(target.c_str(), &old) == 0;
-    if (exists && !S_ISREG(old.st_mode))
-        return Fail("not a regular file", EINVAL);
-    // The mode bits are the user's word even where root could write anyway.
-    if (exists && ((old.st_mode & 0222) == 0 || ::access(target.c_str(), W_OK) != 0))
-        return Fail("the file is read-only; it is left as it is", EACCES);
-    if (!exists) {
-        std::error_code ec;
-        std::filesystem::create_directories(dir, ec);
-    }
-    RemoveStaleTemps(dir, file);
-
     std::string content;
     for (const Line& line : m_arLines)
         content += line.sText + "\n";
 
-    // An unnamed file cannot be left behind by a killed run; it gets its
-    // name only when its content is complete and on the disk.
-    const std::string temp = dir + "/" + TempName(file, ::getpid());
-    bool unnamed = true;
-    int fd = ::open(dir.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666);
-    if (fd < 0) {
-        unnamed = false;
-        ::unlink(temp.c_str());
-        fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    }
-    if (fd < 0)
-        return Fail(std::string("cannot make a file in ") + dir + ": " + std::strerror(errno), errno);
-    bool written = WriteAll(fd, content);
-    int error = errno;
-    if (written && exists) {
-        ::fchmod(fd, old.st_mode & 07777);
-        if (::geteuid() == 0 && (old.st_uid != 0 || old.st_gid != 0)) {
-            [[maybe_unused]] int ignored = ::fchown(fd, old.st_uid, old.st_gid);
-        }
-    }
-    if (written && ::fsync(fd) != 0) {
-        written = false;
-        error = errno;
-    }
-    if (written && unnamed) {
-        std::string proc = "/proc/self/fd/" + std::to_string(fd);
-        ::unlink(temp.c_str());
-        if (::linkat(AT_FDCWD, proc.c_str(), AT_FDCWD, temp.c_str(), AT_SYMLINK_FOLLOW) != 0) {
-            written = false;
-            error = errno;
-        }
-    }
-    if (::close(fd) != 0 && written) {
-        written = false;
-        error = errno;
-    }
-    if (!written) {
-        ::unlink(temp.c_str());
-        return Fail(std::strerror(error), error);
-    }
-    if (::rename(temp.c_str(), target.c_str()) != 0) {
-        error = errno;
-        ::unlink(temp.c_str());
-        return Fail(std::strerror(error), error);
-    }
-    if (int d = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); d >= 0) {
-        ::fsync(d);
-        ::close(d);
-    }
+    CAtomicFile file(m_sPath);
+    const std::filesystem::path folder = std::filesystem::path(file.Target()).parent_path();
+    if (std::error_code ec; !folder.empty() && !std::filesystem::exists(folder, ec))
+        std::filesystem::create_directories(folder, ec);
+    if (!file.Create() || !file.Write(content) || !file.Commit())
+        return Fail(file.Error() == "read-only" ? "the file is read-only; it is left as it is" : file.Error(),
+                    file.ErrorNumber());
     return true;
 }
 

@@ -39,10 +39,11 @@ public:
 
     /// Why the file could not be read; empty when it was read or is missing.
     const std::string& LoadError() const { return m_sLoadError; }
-    /// Writes the file: the new content goes to a temporary file in the
-    /// folder of the real file (a symbolic link is followed, not replaced),
-    /// reaches the disk, and is renamed over the old one. Returns false when
-    /// it cannot; SaveError says why and the old file is left as it was.
+    /// Writes the file as CAtomicFile replaces one (a symbolic link is
+    /// followed, not replaced; the content reaches the disk before the
+    /// rename; a read-only file is refused); a missing folder is made.
+    /// Returns false when it cannot; SaveError says why and the old file is
+    /// left as it was.
     bool Save();
     /// Why the last Save failed.
     const std::string& SaveError() const { return m_sSaveError; }

@@ -113,16 +113,16 @@ TEST_F(SettingsFile, ASaveRemovesWhatAKilledSaveLeftButNotWhatAnotherRunIsWritin
         ::_exit(0);
     ::waitpid(gone, nullptr, 0);
     fs::path config = m_Dir / "tessitor.ini";
-    Write(m_Dir / (".tessitor.ini." + std::to_string(gone) + ".tmp"), "half");
-    Write(m_Dir / (".tessitor.ini." + std::to_string(::getppid()) + ".tmp"), "busy");
-    Write(m_Dir / ".other.ini.1.tmp", "not ours");
+    Write(m_Dir / (".tessitor.ini." + std::to_string(gone) + ".0.tmp"), "half");
+    Write(m_Dir / (".tessitor.ini." + std::to_string(::getppid()) + ".0.tmp"), "busy");
+    Write(m_Dir / ".other.ini.1.0.tmp", "not ours");
 
     Settings settings(config.string());
     settings.Set("Settings", "A", "1");
     ASSERT_TRUE(settings.Save()) << settings.SaveError();
 
-    EXPECT_EQ(Entries(), (std::vector<std::string>{".other.ini.1.tmp",
-                                                   ".tessitor.ini." + std::to_string(::getppid()) + ".tmp",
+    EXPECT_EQ(Entries(), (std::vector<std::string>{".other.ini.1.0.tmp",
+                                                   ".tessitor.ini." + std::to_string(::getppid()) + ".0.tmp",
                                                    "tessitor.ini"}));
     EXPECT_EQ(Read(config), "[Settings]\nA=1\n");
 }

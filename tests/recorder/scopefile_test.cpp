@@ -98,12 +98,12 @@ TEST_F(ScopeFileTest, FailedSaveLeavesTheOldFileWhole)
     EXPECT_EQ(file.Error(), path.string() + ": read-only");
     EXPECT_EQ(Read(path), "old");
 
-    // The last step failing (a folder stands where the file would go):
-    // nothing is replaced and no temporary file is left behind.
+    // A folder where the file would go: refused, nothing replaced and no
+    // temporary file left behind.
     fs::path folder = m_Dir / "taken";
     fs::create_directory(folder);
     EXPECT_FALSE(file.SaveCsv(folder.string()));
-    EXPECT_EQ(file.Error(), folder.string() + ": rename: Is a directory");
+    EXPECT_EQ(file.Error(), folder.string() + ": not a regular file");
     EXPECT_TRUE(fs::is_directory(folder));
     EXPECT_EQ(std::distance(fs::directory_iterator(m_Dir), fs::directory_iterator()), 2);
     EXPECT_FALSE(file.SaveMat((m_Dir / "missing" / "Scope.sdv").string()));
