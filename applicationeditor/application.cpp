@@ -19,16 +19,6 @@ std::string EndTag(const std::string& name)
     return StrFormat("<%s%s>", kEndPrefix, name.c_str());
 }
 
-// The next line without its line end (LF or CR LF, as a text-mode read gives it).
-bool ReadLine(std::istream& in, std::string& line)
-{
-    if (!std::getline(in, line))
-        return false;
-    if (!line.empty() && line.back() == '\r')
-        line.pop_back();
-    return true;
-}
-
 // The text between the first "<" and the first ">"; false when either is
 // missing or the "<" stands behind the ">". gt receives the ">" position.
 bool TagName(const std::string& line, std::string& name, std::size_t& gt)

@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <istream>
 
 namespace tessitor {
 
@@ -52,6 +53,15 @@ std::string Escaped(std::string_view bytes)
         }
     }
     return text;
+}
+
+bool ReadLine(std::istream& in, std::string& line)
+{
+    if (!std::getline(in, line))
+        return false;
+    if (!line.empty() && line.back() == '\r')
+        line.pop_back();
+    return true;
 }
 
 int HexDigit(char c)

@@ -16,6 +16,7 @@
 #include "core/strformat.h"
 #include "core/window.h"
 #include "ui/cli/clicontext.h"
+#include "ui/cli/statusline.h"
 
 namespace tessitor::cli {
 
@@ -134,8 +135,7 @@ int ShowApplication(const std::string& path, bool json)
 // stderr, on a terminal only: "Program downloading... 1200 of 4096 bytes".
 class CAppProgress : public Window {
 public:
-    CAppProgress() : m_bShow(::isatty(STDERR_FILENO) != 0) {}
-    ~CAppProgress() override { Show(""); }
+    CAppProgress() = default;
     CAppProgress(const CAppProgress&) = delete;
     CAppProgress& operator=(const CAppProgress&) = delete;
 
@@ -172,19 +172,9 @@ public:
     }
 
 private:
-    void Show(const std::string& text)
-    {
-        std::lock_guard lock(m_csLine);
-        if (m_bShow && (m_bShown || !text.empty())) {
-            std::fprintf(stderr, "\r\x1b[K%s", text.c_str());
-            std::fflush(stderr);
-            m_bShown = !text.empty();
-        }
-    }
+    void Show(const std::string& text) { m_Line.Show(text); }
 
-    std::mutex m_csLine;
-    const bool m_bShow;
-    bool m_bShown = false;
+    CStatusLine m_Line;
     std::string m_sPhase;
 };
 

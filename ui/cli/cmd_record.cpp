@@ -16,6 +16,7 @@
 #include "recorder/scopefile.h"
 #include "recorder/vectorsini.h"
 #include "ui/cli/clicontext.h"
+#include "ui/cli/statusline.h"
 
 namespace tessitor::cli {
 
@@ -57,18 +58,9 @@ std::int32_t LevelMode(const std::string& text)
 // The recorder's progress as one line on stderr, on a terminal only.
 class CRecordProgress : public Window {
 public:
-    explicit CRecordProgress(int nChunks) : m_bShow(::isatty(STDERR_FILENO) != 0), m_nChunks(nChunks) {}
-    ~CRecordProgress() override { Show(""); }
+    explicit CRecordProgress(int nChunks) : m_nChunks(nChunks) {}
 
-    void Show(const std::string& text)
-    {
-        std::lock_guard lock(m_csLine);
-        if (m_bShow && (m_bShown || !text.empty())) {
-            std::fprintf(stderr, "\r\x1b[K%s", text.c_str());
-            std::fflush(stderr);
-            m_bShown = !text.empty();
-        }
-    }
+    void Show(const std::string& text) { m_Line.Show(text); }
     void PostMessage(unsigned message, std::uintptr_t wParam, std::intptr_t lParam) override
     {
         SendMessage(message, wParam, lParam);
@@ -108,9 +100,7 @@ private:
                              : StrFormat("uploading, %d blocks", m_nChunk);
     }
 
-    std::mutex m_csLine;
-    bool m_bShow;
-    bool m_bShown = false;
+    CStatusLine m_Line;
     bool m_bUploading = false;
     int m_nChunks;
     int m_nChunk = 0;

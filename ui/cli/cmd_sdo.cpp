@@ -9,6 +9,7 @@
 #include "core/strformat.h"
 #include "core/window.h"
 #include "ui/cli/clicontext.h"
+#include "ui/cli/statusline.h"
 
 namespace tessitor::cli {
 namespace {
@@ -54,12 +55,6 @@ std::string FromHex(const std::string& text)
 // Shows a segmented download's progress on a terminal; silent otherwise.
 class CDownloadProgress : public Window {
 public:
-    CDownloadProgress() : m_bShow(::isatty(STDERR_FILENO) != 0) {}
-    ~CDownloadProgress() override
-    {
-        if (m_bShow && m_nTotal)
-            std::fprintf(stderr, "\n");
-    }
     void PostMessage(unsigned message, std::uintptr_t wParam, std::intptr_t lParam) override
     {
         SendMessage(message, wParam, lParam);
@@ -72,13 +67,13 @@ public:
         } else if (message == kMsgSdoProgress) {
             m_nDone = std::min(m_nTotal, m_nDone + m_nPerSegment);
         }
-        if (m_bShow && m_nTotal)
-            std::fprintf(stderr, "\rwritten %zu of %zu bytes", static_cast<size_t>(m_nDone), static_cast<size_t>(m_nTotal));
+        if (m_nTotal)
+            m_Line.Show(StrFormat("written %zu of %zu bytes", static_cast<size_t>(m_nDone), static_cast<size_t>(m_nTotal)));
         return 0;
     }
 
 private:
-    bool m_bShow;
+    CStatusLine m_Line;
     std::uintptr_t m_nTotal = 0;
     std::uintptr_t m_nPerSegment = 0;
     std::uintptr_t m_nDone = 0;

@@ -6,7 +6,6 @@
 
 #include "core/strformat.h"
 #include "ui/cli/clicontext.h"
-#include "ui/cli/lineeditor.h"
 #include "ui/cli/textforms.h"
 
 namespace tessitor::cli {

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "core/settings.h"
+#include "core/strformat.h"
 
 namespace tessitor::cli {
 namespace {
@@ -42,15 +43,6 @@ void UseTerminalCharacterSet()
 }
 
 } // namespace
-
-bool ReadLine(std::istream& in, std::string& line)
-{
-    if (!std::getline(in, line))
-        return false;
-    if (!line.empty() && line.back() == '\r')
-        line.pop_back();
-    return true;
-}
 
 CLineEditor::CLineEditor()
 {

@@ -15,9 +15,6 @@
 
 namespace tessitor::cli {
 
-/// Reads one line from in without its line end (LF or CR LF); false at end.
-bool ReadLine(std::istream& in, std::string& line);
-
 class CLineEditor {
 public:
     enum class Result {

@@ -12,17 +12,6 @@ namespace {
 
 constexpr std::size_t kMaxShownCommandBytes = 40;
 
-void WriteStderr(const std::string& text)
-{
-    size_t done = 0;
-    while (done < text.size()) {
-        ssize_t n = ::write(STDERR_FILENO, text.data() + done, text.size() - done);
-        if (n <= 0)
-            return;
-        done += static_cast<size_t>(n);
-    }
-}
-
 // One line typed at the terminal, without its line end; false at end of input.
 bool ReadAnswer(std::string& answer)
 {
@@ -42,7 +31,7 @@ bool ReadAnswer(std::string& answer)
 } // namespace
 
 CTerminalUi::CTerminalUi(bool bAlwaysYes, bool bAlwaysNo)
-    : m_bAlwaysYes(bAlwaysYes), m_bAlwaysNo(bAlwaysNo), m_bStderrTerminal(::isatty(STDERR_FILENO) != 0)
+    : m_bAlwaysYes(bAlwaysYes), m_bAlwaysNo(bAlwaysNo)
 {
 }
 
@@ -94,7 +83,7 @@ int CTerminalUi::MessageBox(Window*, const std::string& text, const std::string&
 
 void CTerminalUi::WaitBegin(const std::string& command, const std::string& device, int attempt, int attempts)
 {
-    if (!m_bStderrTerminal)
+    if (!m_WaitLine.IsTerminal())
         return;
     std::string text = "waiting for " + ForMessage(command, kMaxShownCommandBytes) + " on " + ForMessage(device);
     if (attempts > 1)
@@ -114,7 +103,7 @@ void CTerminalUi::WaitBegin(const std::string& command, const std::string& devic
 
 void CTerminalUi::WaitEnd()
 {
-    if (!m_bStderrTerminal)
+    if (!m_WaitLine.IsTerminal())
         return;
     std::lock_guard lock(m_csWait);
     m_bWaiting = false;
@@ -125,8 +114,7 @@ void CTerminalUi::ClearShownWait()
 {
     if (!m_bShown)
         return;
-    // Blanks rather than an erase sequence: every terminal knows them.
-    WriteStderr("\r" + std::string(m_nShownBytes, ' ') + "\r");
+    m_WaitLine.Show("");
     m_bShown = false;
 }
 
@@ -142,8 +130,7 @@ void CTerminalUi::ShowWaits()
             m_cvWait.wait_until(lock, m_tWaitStart + kWaitShownAfter);
             continue;
         }
-        WriteStderr("\r" + m_sWaitText);
-        m_nShownBytes = m_sWaitText.size();
+        m_WaitLine.Show(m_sWaitText);
         m_bShown = true;
     }
 }

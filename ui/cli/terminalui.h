@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "core/ui.h"
+#include "ui/cli/statusline.h"
 
 namespace tessitor::cli {
 
@@ -39,15 +40,14 @@ private:
 
     const bool m_bAlwaysYes;
     const bool m_bAlwaysNo;
-    const bool m_bStderrTerminal;
+    CStatusLine m_WaitLine;
 
     std::mutex m_csWait;
     std::condition_variable m_cvWait;
     std::thread m_WaitThread; // started by the first wait
     bool m_bStop = false;
     bool m_bWaiting = false;
-    bool m_bShown = false;
-    std::size_t m_nShownBytes = 0;
+    bool m_bShown = false; // the wait of now is on m_WaitLine
     std::string m_sWaitText;
     Clock::time_point m_tWaitStart;
 };
