@@ -73,7 +73,7 @@ TEST_F(AppCliTest, SavedDriveComesBackAfterChangesOverSerialTcpAndCan)
         ProcessResult restore = Tessitor(conn, {"app", "download", saved});
         ProcessResult same = Tessitor(conn, {"app", "diff", saved});
         ProcessResult listingAfter = Tessitor(conn, {"send", "LS"});
-        ProcessResult shown = Tessitor({}, {"app", "show", saved});
+        ProcessResult shown = Tessitor(conn, {"app", "show", saved}); // the same line as save, drive left alone
 
         ASSERT_EQ(0, seeded.nStatus) << seeded.sErr;
         ASSERT_EQ(0, save.nStatus) << save.sErr;

@@ -84,7 +84,7 @@ int CCliContext::Run()
     if (m_Options.m_bYes && m_Options.m_bNo)
         throw UsageError("--yes and --no contradict each other: give one of them");
     CommandUse use = UseOf(chosen->first);
-    if (use != CommandUse::kConnection)
+    if (use != CommandUse::kConnection && use != CommandUse::kFileOnly)
         for (const std::string& option : m_Options.GivenConnectionOptions())
             if (!(use == CommandUse::kProduct && option == "--product"))
                 throw UsageError("'" + CommandPath(chosen->first) + "' takes no " + option);

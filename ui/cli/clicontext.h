@@ -25,6 +25,9 @@ enum class CommandUse {
     kNothing,    ///< no connection options at all
     kProduct,    ///< --product only (a virtual drive of its own)
     kConnection, ///< a connection, and the options that go with it
+    kFileOnly,   ///< a file's command in a group of drive commands: takes the group's
+                 ///< connection options and leaves the drive alone, so one line can
+                 ///< be repeated with only the subcommand changed
 };
 
 class CCliContext {

@@ -323,7 +323,7 @@ void RegisterAppCommand(CLI::App& app, CCliContext& context)
                     "not fit it (\"Size of this DAT file mismatch of the Version.\"); what could be read is\n"
                     "printed all the same.\n\n"
                     "Examples:\n  tessitor app show drive.dat\n  tessitor app show drive.dat --json");
-    context.SetAction(showCmd, [show] { return ShowApplication(show->sPath, show->bJson); }, CommandUse::kNothing);
+    context.SetAction(showCmd, [show] { return ShowApplication(show->sPath, show->bJson); }, CommandUse::kFileOnly);
 
     auto paths = std::make_shared<std::vector<std::string>>(2);
     CLI::App* saveCmd = sub->add_subcommand("save", "Save the drive's version, parameters, connection and program into a file");
