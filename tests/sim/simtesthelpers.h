@@ -121,7 +121,7 @@ public:
     void Send(const std::string& b)
     {
         std::size_t sent = 0;
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
         while (sent < b.size() && std::chrono::steady_clock::now() < deadline) {
             pollfd p{m_fd, POLLIN | POLLOUT, 0};
             if (::poll(&p, 1, 100) <= 0)
