@@ -1,5 +1,5 @@
 # Entry points for a fresh Debian 12 machine; each installs what it needs.
-.PHONY: bootstrap build demo test bench fuzz clean
+.PHONY: bootstrap build demo gui test bench fuzz clean
 
 bootstrap:
 	@scripts/bootstrap.sh
@@ -15,6 +15,9 @@ demo: bootstrap
 	if cmake --preset release >"$$log" 2>&1 && cmake --build --preset release --target tessitor_cli >>"$$log" 2>&1; \
 	then rm -f "$$log"; else cat "$$log" >&2; rm -f "$$log"; exit 1; fi
 	@./build/release/tessitor demo
+
+gui: build
+	./build/release/tessitor-gui --virtual
 
 test: bootstrap
 	cmake --preset ci

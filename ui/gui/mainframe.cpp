@@ -1,0 +1,268 @@
+#include "ui/gui/mainframe.h"
+
+#include <QApplication>
+#include <QDockWidget>
+#include <QHeaderView>
+#include <QMdiArea>
+#include <QMdiSubWindow>
+#include <QMenuBar>
+#include <QMessageBox>
+#include <QStatusBar>
+#include <QToolBar>
+#include <QTreeWidget>
+
+#include "core/ui.h"
+#include "ui/gui/connectdialog.h"
+#include "ui/gui/qtwindow.h"
+#include "ui/gui/terminalwindow.h"
+
+namespace tessitor::gui {
+
+namespace {
+
+constexpr int kSessionRole = Qt::UserRole;
+constexpr int kKindRole = Qt::UserRole + 1;
+constexpr char kConnectFaultCaption[] = "Communication Device Error";
+
+const char* ChildName(int kind)
+{
+    switch (kind) {
+    case CMainFrame::kTerminal:
+        return "Terminal";
+    case CMainFrame::kScope:
+        return "Scope";
+    case CMainFrame::kMonitor:
+        return "Motion Monitor";
+    default:
+        return "Parameters";
+    }
+}
+
+// What the low bits of "SR" say, for the tree.
+QString StatusWords(long sr)
+{
+    if (sr < 0)
+        return {};
+    QStringList words;
+    words << ((sr & 0x10) ? "motor on" : "motor off");
+    if (sr & 0x01)
+        words << "fault";
+    if (sr & 0x40)
+        words << "moving";
+    return words.join(", ");
+}
+
+} // namespace
+
+CMainFrame::CMainFrame()
+{
+    setWindowTitle("Tessitor");
+    m_pFrameWindow = new CQtWindow(this, [](unsigned, std::uintptr_t, std::intptr_t) -> std::intptr_t { return 0; });
+    m_pMdi = new QMdiArea;
+    m_pMdi->setViewMode(QMdiArea::SubWindowView);
+    setCentralWidget(m_pMdi);
+
+    m_pTree = new QTreeWidget;
+    m_pTree->setObjectName("driveTree");
+    m_pTree->setHeaderLabels({"Drive", "State"});
+    m_pTree->header()->setSectionResizeMode(0, QHeaderView::Stretch);
+    m_pTree->setMinimumWidth(380);
+    auto* dock = new QDockWidget("Drives");
+    dock->setObjectName("drivesDock");
+    dock->setWidget(m_pTree);
+    dock->setFeatures(QDockWidget::DockWidgetMovable);
+    addDockWidget(Qt::LeftDockWidgetArea, dock);
+    connect(m_pTree, &QTreeWidget::itemDoubleClicked, this, [this](QTreeWidgetItem* item) {
+        auto* session = item->data(0, kSessionRole).value<CDriveSession*>();
+        if (session && session->IsConnected())
+            ShowChild(session, static_cast<ChildKind>(item->parent() ? item->data(0, kKindRole).toInt() : kTerminal));
+    });
+
+    QMenu* drive = menuBar()->addMenu("&Drive");
+    QToolBar* tools = addToolBar("Drive");
+    tools->setObjectName("driveTools");
+    QAction* virtualAction = drive->addAction("Open &Virtual Drive", this, [this] { OpenVirtualDrive(); });
+    QAction* connectAction = drive->addAction("&Connect...", this, &CMainFrame::ConnectDialog);
+    connectAction->setShortcut(QKeySequence("Ctrl+N"));
+    drive->addSeparator();
+    QAction* disconnectAction = drive->addAction("&Disconnect", this, [this] {
+        if (CDriveSession* session = CurrentSession())
+            session->Disconnect();
+    });
+    QAction* reconnectAction = drive->addAction("&Reconnect", this, [this] {
+        if (CDriveSession* session = CurrentSession())
+            Reconnect(session);
+    });
+    QAction* closeAction = drive->addAction("C&lose Drive", this, [this] {
+        if (CDriveSession* session = CurrentSession())
+            CloseDrive(session);
+    });
+    drive->addSeparator();
+    drive->addAction("E&xit", this, &QWidget::close);
+    tools->addAction(virtualAction);
+    tools->addAction(connectAction);
+    tools->addAction(disconnectAction);
+    tools->addAction(reconnectAction);
+    tools->addAction(closeAction);
+
+    QMenu* windows = menuBar()->addMenu("&Window");
+    for (int kind = kTerminal; kind <= kParameters; ++kind)
+        windows->addAction(ChildName(kind), this, [this, kind] {
+            CDriveSession* session = CurrentSession();
+            if (session && session->IsConnected())
+                ShowChild(session, static_cast<ChildKind>(kind));
+        });
+    windows->addSeparator();
+    windows->addAction("&Tile", m_pMdi, &QMdiArea::tileSubWindows);
+    windows->addAction("&Cascade", m_pMdi, &QMdiArea::cascadeSubWindows);
+    statusBar()->showMessage("Open a drive: Drive > Open Virtual Drive needs no hardware.");
+    resize(1200, 800);
+}
+
+CMainFrame::~CMainFrame()
+{
+    // The windows go before the drives they use.
+    m_pMdi->closeAllSubWindows();
+    for (QMdiSubWindow* child : m_pMdi->subWindowList())
+        delete child;
+    m_arChildren.clear();
+    m_arSessions.clear();
+}
+
+void CMainFrame::ConnectDialog()
+{
+    CConnectDialog dialog(this);
+    if (dialog.exec() == QDialog::Accepted) {
+        if (CDriveSession* session = OpenDrive(dialog.Request()))
+            ShowChild(session, kTerminal);
+    }
+}
+
+CDriveSession* CMainFrame::OpenVirtualDrive(const std::string& product)
+{
+    CConnectRequest request;
+    request.bVirtual = true;
+    request.sProduct = product;
+    request.info.wBaudRate = 115200;
+    CDriveSession* session = OpenDrive(request);
+    if (session)
+        ShowChild(session, kTerminal);
+    return session;
+}
+
+CDriveSession* CMainFrame::OpenDrive(const CConnectRequest& request)
+{
+    auto session = std::make_unique<CDriveSession>(request, m_pFrameWindow);
+    QApplication::setOverrideCursor(Qt::WaitCursor);
+    std::string error = session->Connect();
+    QApplication::restoreOverrideCursor();
+    if (!error.empty()) {
+        Ui::Current().MessageBox(m_pFrameWindow, error, kConnectFaultCaption, MB_OK | MB_ICONSTOP);
+        return nullptr;
+    }
+    CDriveSession* raw = session.get();
+    m_arSessions.push_back(std::move(session));
+
+    auto* item = new QTreeWidgetItem(m_pTree);
+    item->setData(0, kSessionRole, QVariant::fromValue(raw));
+    for (int kind = kTerminal; kind <= kParameters; ++kind) {
+        auto* child = new QTreeWidgetItem(item, {ChildName(kind)});
+        child->setData(0, kSessionRole, QVariant::fromValue(raw));
+        child->setData(0, kKindRole, kind);
+    }
+    item->setExpanded(true);
+    m_pTree->setCurrentItem(item);
+    connect(raw, &CDriveSession::StatusRead, this, [this, raw] { UpdateItem(raw); });
+    connect(raw, &CDriveSession::ConnectedChanged, this, [this, raw](bool connected) {
+        UpdateItem(raw);
+        statusBar()->showMessage(raw->Title() + (connected ? ": connected" : ": disconnected"));
+    });
+    UpdateItem(raw);
+    statusBar()->showMessage(raw->Title() + ": connected");
+    return raw;
+}
+
+void CMainFrame::Reconnect(CDriveSession* session)
+{
+    if (session->IsConnected())
+        return;
+    QApplication::setOverrideCursor(Qt::WaitCursor);
+    std::string error = session->Connect();
+    QApplication::restoreOverrideCursor();
+    if (!error.empty())
+        Ui::Current().MessageBox(m_pFrameWindow, error, kConnectFaultCaption, MB_OK | MB_ICONSTOP);
+    UpdateItem(session);
+}
+
+void CMainFrame::CloseDrive(CDriveSession* session)
+{
+    for (auto it = m_arChildren.begin(); it != m_arChildren.end();) {
+        if (it->first.first == session) {
+            delete it->second;
+            it = m_arChildren.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    delete ItemOf(session);
+    std::erase_if(m_arSessions, [session](const auto& owned) { return owned.get() == session; });
+}
+
+CDriveSession* CMainFrame::CurrentSession() const
+{
+    QTreeWidgetItem* item = m_pTree->currentItem();
+    if (!item && m_pTree->topLevelItemCount() == 1)
+        item = m_pTree->topLevelItem(0);
+    return item ? item->data(0, kSessionRole).value<CDriveSession*>() : nullptr;
+}
+
+QTreeWidgetItem* CMainFrame::ItemOf(CDriveSession* session) const
+{
+    for (int i = 0; i < m_pTree->topLevelItemCount(); ++i)
+        if (m_pTree->topLevelItem(i)->data(0, kSessionRole).value<CDriveSession*>() == session)
+            return m_pTree->topLevelItem(i);
+    return nullptr;
+}
+
+void CMainFrame::UpdateItem(CDriveSession* session)
+{
+    QTreeWidgetItem* item = ItemOf(session);
+    if (!item)
+        return;
+    item->setText(0, session->Title());
+    QString state = session->IsConnected() ? "connected" : "disconnected";
+    if (session->IsConnected() && session->LastStatus() >= 0)
+        state += ", " + StatusWords(session->LastStatus());
+    item->setText(1, state);
+    item->setForeground(1, session->IsConnected() ? palette().text() : QBrush(Qt::red));
+}
+
+QWidget* CMainFrame::ShowChild(CDriveSession* session, ChildKind kind)
+{
+    auto key = std::make_pair(session, static_cast<int>(kind));
+    if (auto it = m_arChildren.find(key); it != m_arChildren.end()) {
+        m_pMdi->setActiveSubWindow(it->second);
+        return it->second->widget();
+    }
+    QWidget* child = MakeChild(session, kind);
+    if (!child)
+        return nullptr;
+    QMdiSubWindow* sub = m_pMdi->addSubWindow(child);
+    sub->setAttribute(Qt::WA_DeleteOnClose);
+    m_arChildren[key] = sub;
+    connect(sub, &QObject::destroyed, this, [this, key] { m_arChildren.erase(key); });
+    sub->show();
+    return child;
+}
+
+QWidget* CMainFrame::MakeChild(CDriveSession* session, ChildKind kind)
+{
+    switch (kind) {
+    case kTerminal:
+        return new CTerminalWindow(session);
+    default:
+        return nullptr;
+    }
+}
+
+} // namespace tessitor::gui
