@@ -42,6 +42,24 @@ MatVar DoubleVar(const char* name, double value)
     return MatVar(Mat_VarCreate(name, MAT_C_DOUBLE, MAT_T_DOUBLE, 2, dims, &value, 0));
 }
 
+// The text of a char array, whichever width matio read it with.
+bool TextOf(const matvar_t* var, std::string& text)
+{
+    if (!var || var->class_type != MAT_C_CHAR || (!var->data && var->nbytes != 0))
+        return false;
+    text.clear();
+    std::size_t count = var->data_size ? var->nbytes / var->data_size : 0;
+    for (std::size_t i = 0; i < count; ++i) {
+        if (var->data_size == 1)
+            text += static_cast<const char*>(var->data)[i];
+        else if (var->data_size == 2)
+            text += static_cast<char>(static_cast<const std::uint16_t*>(var->data)[i]);
+        else
+            return false;
+    }
+    return true;
+}
+
 std::string LocalTimeText()
 {
     std::time_t now = std::time(nullptr);
@@ -194,6 +212,62 @@ bool CScopeFile::SaveMat(const std::string& path)
         return Fail(path, "the MAT file cannot be written");
     if (!file.Commit())
         return Fail(path, file.Error());
+    return true;
+}
+
+bool CScopeFile::LoadMat(const std::string& path)
+{
+    mat_t* mat = Mat_Open(path.c_str(), MAT_ACC_RDONLY);
+    if (!mat)
+        return Fail(path, "not a MAT file, or it cannot be read");
+    MatVar data(Mat_VarRead(mat, kDataVariable));
+    MatVar columns(Mat_VarRead(mat, kColumnsVariable));
+    MatVar settings(Mat_VarRead(mat, kSettingsVariable));
+    Mat_Close(mat);
+    if (!data || data->class_type != MAT_C_DOUBLE || data->rank != 2 || data->isComplex || data->dims[1] < 2)
+        return Fail(path, "no \"data\" matrix of Index, Time(sec) and the signals");
+    if (!columns || columns->class_type != MAT_C_CELL || columns->dims[0] * columns->dims[1] != data->dims[1])
+        return Fail(path, "no \"columns\" names for each column of \"data\"");
+    const std::size_t rows = data->dims[0];
+    const auto* values = static_cast<const double*>(data->data);
+    if (rows != 0 && !values)
+        return Fail(path, "the \"data\" matrix is empty");
+
+    std::vector<std::pair<std::string, std::vector<double>>> signals;
+    for (std::size_t column = 2; column < data->dims[1]; ++column) {
+        std::string name;
+        if (!TextOf(Mat_VarGetCell(columns.get(), static_cast<int>(column)), name))
+            return Fail(path, "column " + std::to_string(column + 1) + " of \"columns\" is not a text");
+        std::vector<double> samples(values + column * rows, values + (column + 1) * rows);
+        // Padding is not a sample: a short column ends at its first trailing NaN.
+        while (!samples.empty() && std::isnan(samples.back()))
+            samples.pop_back();
+        signals.emplace_back(std::move(name), std::move(samples));
+    }
+
+    std::vector<std::pair<std::string, Setting>> fields;
+    if (settings && settings->class_type == MAT_C_STRUCT) {
+        char* const* names = Mat_VarGetStructFieldnames(settings.get());
+        for (unsigned i = 0; names && i < Mat_VarGetNumberOfFields(settings.get()); ++i) {
+            const matvar_t* field = Mat_VarGetStructFieldByIndex(settings.get(), i, 0);
+            std::string text;
+            if (field && field->class_type == MAT_C_DOUBLE && field->data && field->nbytes >= sizeof(double))
+                fields.emplace_back(names[i], *static_cast<const double*>(field->data));
+            else if (TextOf(field, text))
+                fields.emplace_back(names[i], text);
+        }
+    }
+
+    double sampleTime = 0;
+    for (const auto& [name, value] : fields)
+        if (name == "sample_time" && std::holds_alternative<double>(value))
+            sampleTime = std::get<double>(value);
+    if (sampleTime <= 0 && rows >= 2)
+        sampleTime = values[rows + 1] - values[rows]; // from the time column
+    m_dSampleTime = sampleTime;
+    m_arSignals = std::move(signals);
+    m_arSettings = std::move(fields);
+    m_sError.clear();
     return true;
 }
 

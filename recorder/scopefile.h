@@ -8,6 +8,8 @@
 //
 //   CScopeFile file = CScopeFile::FromRecorder(recorder);
 //   if (!file.SaveMat("move.sdv")) ... file.Error()
+//   CScopeFile again(0);
+//   if (!again.LoadMat("move.sdv")) ... again.Error()
 #pragma once
 
 #include <cstddef>
@@ -33,6 +35,9 @@ public:
 
     /// An empty recording whose samples lie sampleTime seconds apart.
     explicit CScopeFile(double sampleTime);
+    /// Reads a scope data file this class wrote (or one with the same three
+    /// variables); false with Error() naming the file and what is wrong.
+    bool LoadMat(const std::string& path);
     /// rec's recording: a column for each display whose signal was recorded,
     /// named after the signal, and the recording's settings.
     static CScopeFile FromRecorder(const CRecorder& rec);
@@ -55,7 +60,9 @@ public:
     bool SaveMat(const std::string& path);
     /// Writes a header line of the column names, then one line a sample.
     bool SaveCsv(const std::string& path);
-    /// Why the last save failed: the file and the reason.
+    /// Seconds between two rows.
+    double SampleTime() const { return m_dSampleTime; }
+    /// Why the last load or save failed: the file and the reason.
     const std::string& Error() const { return m_sError; }
 
 private:

@@ -109,3 +109,42 @@ TEST_F(ScopeFileTest, FailedSaveLeavesTheOldFileWhole)
     EXPECT_FALSE(file.SaveMat((m_Dir / "missing" / "Scope.sdv").string()));
     EXPECT_NE(file.Error().find(": create: No such file or directory"), std::string::npos) << file.Error();
 }
+
+TEST_F(ScopeFileTest, LoadReadsBackWhatWasSaved)
+{
+    CScopeFile file = TwoSignals();
+    fs::path path = m_Dir / "Scope.sdv";
+    ASSERT_TRUE(file.SaveMat(path.string())) << file.Error();
+
+    CScopeFile again(0);
+    ASSERT_TRUE(again.LoadMat(path.string())) << again.Error();
+
+    EXPECT_EQ(again.Columns(), file.Columns());
+    EXPECT_EQ(again.Rows(), 3u);
+    EXPECT_DOUBLE_EQ(again.SampleTime(), 0.0005) << "taken from the time column when settings lack it";
+    EXPECT_EQ(again.Value(2, 2), 20);
+    EXPECT_EQ(again.Value(1, 3), -0.25);
+    EXPECT_TRUE(std::isnan(again.Value(2, 3))) << "the padding stays padding";
+    ASSERT_EQ(again.Settings().size(), 3u);
+    EXPECT_EQ(std::get<std::string>(again.Settings()[0].second), "Begin Motion");
+    EXPECT_EQ(std::get<double>(again.Settings()[1].second), 1.5);
+    EXPECT_EQ(std::get<std::string>(again.Settings()[2].second), "");
+}
+
+TEST_F(ScopeFileTest, LoadRefusesWhatIsNotAScopeFile)
+{
+    fs::path text = m_Dir / "notes.sdv";
+    std::ofstream(text) << "Index,Time(sec)\n0,0\n";
+    fs::path csv = m_Dir / "move.csv";
+    ASSERT_TRUE(TwoSignals().SaveCsv(csv.string()));
+    CScopeFile file(0.001);
+    file.AddSignal("Position", {1, 2});
+
+    EXPECT_FALSE(file.LoadMat((m_Dir / "missing.sdv").string()));
+    EXPECT_EQ(file.Error(), (m_Dir / "missing.sdv").string() + ": not a MAT file, or it cannot be read");
+    EXPECT_FALSE(file.LoadMat(text.string()));
+    EXPECT_FALSE(file.LoadMat(csv.string()));
+
+    EXPECT_EQ(file.Rows(), 2u) << "a failed load changes nothing";
+    EXPECT_EQ(file.SampleTime(), 0.001);
+}
