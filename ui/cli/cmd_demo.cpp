@@ -13,6 +13,7 @@
 #include "recorder/recorder.h"
 #include "recorder/scopefile.h"
 
+#include "communication/drivestatus.h"
 #include "ui/cli/clicontext.h"
 
 namespace tessitor::cli {
@@ -26,21 +27,6 @@ std::string Value(CCommunication& link, const std::string& command)
     std::string value;
     link.SendCommandGetValue(command, value, kDemoTimeoutMs);
     return value;
-}
-
-// What the low bits of "SR" say, in words.
-std::string StatusText(unsigned long sr)
-{
-    std::string text = (sr & 0x10) ? "motor on" : "motor off";
-    if (sr & 0x01)
-        text += ", fault";
-    if (sr & 0x40)
-        text += ", moving";
-    if (sr & 0x80)
-        text += ", in target";
-    if (sr & 0x100)
-        text += ", current limited";
-    return text;
 }
 
 // Records Position and Velocity from the start of a move into path and
@@ -132,12 +118,13 @@ int RunDemo(CCliContext& context, const std::string& dir)
     Value(*link, "MO=1");
     RecordMove(*link, folder + "/Scope.sdv");
     unsigned long sr = std::strtoul(Value(*link, "SR").c_str(), nullptr, 10);
-    std::printf("   position %s counts; SR %lu: %s\n\n", Value(*link, "PX").c_str(), sr, StatusText(sr).c_str());
+    std::printf("   position %s counts; SR %lu: %s\n\n", Value(*link, "PX").c_str(), sr,
+                CDriveStatus::Decode(sr).Text().c_str());
 
     std::printf("4. Motor off\n");
     Value(*link, "MO=0");
     sr = std::strtoul(Value(*link, "SR").c_str(), nullptr, 10);
-    std::printf("   SR %lu: %s\n\n", sr, StatusText(sr).c_str());
+    std::printf("   SR %lu: %s\n\n", sr, CDriveStatus::Decode(sr).Text().c_str());
 
     std::string application = folder + "/drive.dat";
     std::printf("5. Save the application (version, parameters, connection, program)\n");
