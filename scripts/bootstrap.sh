@@ -7,7 +7,7 @@ set -euo pipefail
 packages=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev
           libcli11-dev libedit-dev libmatio-dev
           qemu-system-x86 busybox-static cpio xz-utils # the SocketCAN tier in qemu
-          qt6-base-dev libqcustomplot-dev libqcustomplot2.1-qt6 # tessitor-gui
+          qt6-base-dev qt6-svg-dev libqcustomplot-dev libqcustomplot2.1-qt6 # tessitor-gui
           xvfb xauth fonts-dejavu-core) # its tests, under an X server of their own
 [ "${1:-}" = fuzz ] && packages+=(clang-16 libclang-rt-16-dev)
 missing=()

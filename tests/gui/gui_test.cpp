@@ -1,6 +1,8 @@
 // The GUI against the virtual drive: the windows a user opens, the replies
 // they show, and a drive that stops answering.
 #include <QMessageBox>
+#include <QProcess>
+#include <QTemporaryDir>
 #include <QTest>
 #include <QTreeWidget>
 
@@ -8,6 +10,8 @@
 #include "tests/gui/guitesthelpers.h"
 #include "ui/gui/mainframe.h"
 #include "ui/gui/qtui.h"
+#include "ui/gui/scopeview.h"
+#include "ui/gui/scopewindow.h"
 #include "ui/gui/terminalwindow.h"
 
 namespace tessitor::gui::test {
@@ -91,6 +95,88 @@ private slots:
         firstTerminal->Send("VR");
         QTRY_VERIFY_WITH_TIMEOUT(firstTerminal->Transcript().contains("\nTalvina "), kWaitMs);
         QCOMPARE(boxes.m_arSeen.size(), 1);
+    }
+
+    void ScopeRecordsAMoveAndPlotsTheFilesData()
+    {
+        QTemporaryDir folder;
+        CMainFrame frame;
+        frame.show();
+        CDriveSession* session = frame.OpenVirtualDrive();
+        QVERIFY(session);
+        auto* scope = qobject_cast<CScopeWindow*>(frame.ShowChild(session, CMainFrame::kScope));
+        QVERIFY(scope);
+        QTRY_VERIFY_WITH_TIMEOUT(scope->IsReady(), kWaitMs);
+        QString path = folder.filePath("move.sdv");
+        scope->SetScopeFile(path);
+        scope->SetSignals({"Position", "Velocity"});
+        scope->SetTrigger("Begin Motion");
+        scope->SetGap(3);
+        scope->SetLength(600);
+
+        scope->Start();
+
+        QTRY_VERIFY_WITH_TIMEOUT(!scope->IsRecording(), kWaitMs);
+        QVERIFY2(scope->StateText().startsWith("Recorded and saved to "), qPrintable(scope->StateText()));
+        CScopeFile file(0);
+        QVERIFY(file.LoadMat(path.toStdString()));
+        CScopeView* view = scope->View();
+        QCOMPARE(view->Displays(), 2);
+        QCOMPARE(file.Rows(), std::size_t(600));
+        for (int display = 0; display < 2; ++display) {
+            QSharedPointer<QCPGraphDataContainer> data = view->Trace(display)->data();
+            QCOMPARE(data->size(), 600);
+            for (int row = 0; row < data->size(); ++row) {
+                QCOMPARE(data->at(row)->key, file.Value(static_cast<std::size_t>(row), 1));
+                QCOMPARE(data->at(row)->value, file.Value(static_cast<std::size_t>(row), static_cast<std::size_t>(display) + 2));
+            }
+        }
+        QVERIFY2(file.Value(599, 2) > file.Value(0, 2) + 1000, "the recording shows the move");
+        view->SetCursor(0, 0);
+        view->SetCursor(1, 599 * file.SampleTime());
+        QVERIFY2(view->CursorText().contains(QString("dV=%1").arg(file.Value(599, 2) - file.Value(0, 2))),
+                 qPrintable(view->CursorText()));
+        frame.MdiArea()->activeSubWindow()->showMaximized();
+        Shoot(&frame, "scope");
+
+        QString csv = folder.filePath("move.csv");
+        QCOMPARE(scope->SaveAs(csv), QString());
+        QVERIFY(QFile(csv).size() > 0);
+        QVERIFY(!scope->SaveAs(folder.filePath("move.txt")).isEmpty());
+        QCOMPARE(scope->Open(path), QString());
+        QCOMPARE(view->Trace(1)->data()->size(), 600);
+    }
+
+    void PlotRendersAScopeFileWithoutADisplay()
+    {
+        QTemporaryDir folder;
+        CScopeFile file(0.001);
+        file.AddSignal("Position", {0, 10, 40, 90, 160});
+        QVERIFY(file.SaveMat(folder.filePath("in.sdv").toStdString()));
+        const QString program = TESSITOR_GUI_BIN;
+        QProcessEnvironment headless = QProcessEnvironment::systemEnvironment();
+        headless.remove("DISPLAY");
+        headless.remove("QT_QPA_PLATFORM");
+
+        for (const QString& out : {"out.png", "out.svg", "out.pdf"}) {
+            QProcess plot;
+            plot.setProcessEnvironment(headless);
+            plot.start(program, {"--plot", folder.filePath("in.sdv"), "-o", folder.filePath(out)});
+            QVERIFY(plot.waitForFinished(kWaitMs));
+            QCOMPARE(plot.exitCode(), 0);
+            QVERIFY2(QFile(folder.filePath(out)).size() > 500, qPrintable(out));
+        }
+        QVERIFY(QImage(folder.filePath("out.png")).width() == CScopeView::kRenderWidth);
+
+        QProcess missing;
+        missing.start(program, {"--plot", folder.filePath("none.sdv"), "-o", folder.filePath("x.png")});
+        QVERIFY(missing.waitForFinished(kWaitMs));
+        QCOMPARE(missing.exitCode(), 1);
+        QVERIFY(missing.readAllStandardError().contains("none.sdv: not a MAT file"));
+        QProcess usage;
+        usage.start(program, {"--plot", folder.filePath("in.sdv")});
+        QVERIFY(usage.waitForFinished(kWaitMs));
+        QCOMPARE(usage.exitCode(), 2);
     }
 
 private:

@@ -45,6 +45,8 @@ public:
     static constexpr std::uint32_t kCommandTimeoutMs = 1000;
     /// How often an idle drive is asked "SR".
     static constexpr std::chrono::milliseconds kDefaultPollInterval{500};
+    /// Shown where a command is refused because an earlier failure broke the link.
+    static constexpr char kBrokenLinkText[] = "The link is broken: reconnect the drive.";
     /// Name of the worker thread.
     static constexpr char kThreadName[] = "DriveWorker";
 

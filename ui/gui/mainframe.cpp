@@ -11,9 +11,13 @@
 #include <QToolBar>
 #include <QTreeWidget>
 
+#include "communication/drivestatus.h"
 #include "core/ui.h"
 #include "ui/gui/connectdialog.h"
+#include "ui/gui/monitorwindow.h"
+#include "ui/gui/parameterswindow.h"
 #include "ui/gui/qtwindow.h"
+#include "ui/gui/scopewindow.h"
 #include "ui/gui/terminalwindow.h"
 
 namespace tessitor::gui {
@@ -36,20 +40,6 @@ const char* ChildName(int kind)
     default:
         return "Parameters";
     }
-}
-
-// What the low bits of "SR" say, for the tree.
-QString StatusWords(long sr)
-{
-    if (sr < 0)
-        return {};
-    QStringList words;
-    words << ((sr & 0x10) ? "motor on" : "motor off");
-    if (sr & 0x01)
-        words << "fault";
-    if (sr & 0x40)
-        words << "moving";
-    return words.join(", ");
 }
 
 } // namespace
@@ -231,8 +221,10 @@ void CMainFrame::UpdateItem(CDriveSession* session)
         return;
     item->setText(0, session->Title());
     QString state = session->IsConnected() ? "connected" : "disconnected";
-    if (session->IsConnected() && session->LastStatus() >= 0)
-        state += ", " + StatusWords(session->LastStatus());
+    if (session->IsConnected() && session->LastStatus() >= 0) {
+        auto sr = static_cast<unsigned long>(session->LastStatus());
+        state += ", " + QString::fromStdString(CDriveStatus::Decode(sr).Text());
+    }
     item->setText(1, state);
     item->setForeground(1, session->IsConnected() ? palette().text() : QBrush(Qt::red));
 }
@@ -260,6 +252,12 @@ QWidget* CMainFrame::MakeChild(CDriveSession* session, ChildKind kind)
     switch (kind) {
     case kTerminal:
         return new CTerminalWindow(session);
+    case kScope:
+        return new CScopeWindow(session);
+    case kMonitor:
+        return new CMonitorWindow(session);
+    case kParameters:
+        return new CParametersWindow(session);
     default:
         return nullptr;
     }

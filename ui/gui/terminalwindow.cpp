@@ -85,7 +85,7 @@ void CTerminalWindow::Send(const QString& command)
         bool bError = false;
         try {
             if (link.SendCommandGetValue(text, value, CDriveSession::kCommandTimeoutMs) != 0) {
-                reply = "The link is broken: reconnect the drive.";
+                reply = CDriveSession::kBrokenLinkText;
                 bError = true;
             } else {
                 reply = QString::fromStdString(value == ";" ? "" : value);
