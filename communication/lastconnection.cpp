@@ -1,55 +1,72 @@
 #include "communication/lastconnection.h"
 
-#include <cerrno>
 #include <cstring>
 
 #include "communication/serialportmap.h"
+#include "communication/tcp.h"
 #include "core/settings.h"
 
 namespace tessitor {
 
-std::string ConnectFaultText(const CCommunication& link, const LinkOptions& options, int error)
+namespace {
+
+bool IsNetwork(const CCommunicationInfo& info)
 {
-    const CCommunicationInfo& info = link.GetInfo();
-    const std::string fault = "Create Communication Device Fault. ";
-    if (info.GetKind() == kKindCan)
-        return fault + link.GetConnectError();
-    std::string where = options.sSerialPath.empty() ? info.GetDisplayText() : options.sSerialPath;
-    std::string why;
-    if (info.GetKind() == kKindTcp || info.GetKind() == kKindTcpKmas)
-        why = error == 3 ? "the network device cannot be reached" : "the network device has no drive '" + info.sDesc + "'";
-    else
-        why = std::strerror(error);
-    return fault + where + ": " + why;
+    return info.GetKind() == kKindTcp || info.GetKind() == kKindTcpKmas;
+}
+
+} // namespace
+
+std::string ConnectFaultText(const CCommunication& link, int error)
+{
+    std::string why = link.GetConnectError();
+    if (why.empty())
+        why = link.DeviceName() + ": " + std::strerror(error);
+    return "Create Communication Device Fault. " + why;
 }
 
 bool SaveLastConnection(const CCommunicationInfo& info, const LinkOptions& options, std::string& error)
 {
+    // Read again now: another program may have changed the file meanwhile.
     Settings settings = Settings::User();
-    if (!options.sSerialPath.empty())
+    // A pseudo-terminal lives as long as one program: it gets no port number.
+    if (!options.sSerialPath.empty() && options.sSerialPath.rfind("/dev/pts/", 0) != 0)
         SerialPortNumberFor(options.sSerialPath, settings);
-    // The one-line form has no TCP port: keep the one given so the last
-    // connection finds it again.
-    if (options.wTcpPort != 0)
-        settings.Set("TCP", "Port", std::to_string(options.wTcpPort));
+    if (IsNetwork(info)) {
+        if (options.sTcpHost.empty())
+            settings.Remove(kLastConnectSection, kLastConnectHostKey);
+        else
+            settings.Set(kLastConnectSection, kLastConnectHostKey, options.sTcpHost);
+        settings.Set(kLastConnectSection, kLastConnectPortKey, std::to_string(ResolveTcpPort(options.wTcpPort)));
+    } else {
+        settings.Remove(kLastConnectSection, kLastConnectHostKey);
+        settings.Remove(kLastConnectSection, kLastConnectPortKey);
+    }
     settings.Set(kLastConnectSection, kLastConnectKey, info.ToLine());
     if (settings.Save())
         return true;
-    error = "cannot write " + settings.Path() + ": " + std::strerror(errno);
+    error = settings.SaveError();
     return false;
 }
 
-std::optional<CCommunicationInfo> LoadLastConnection(std::string& error)
+std::optional<CLastConnection> LoadLastConnection(std::string& error)
 {
-    auto line = Settings::User().Get(kLastConnectSection, kLastConnectKey);
+    Settings settings = Settings::User();
+    auto line = settings.Get(kLastConnectSection, kLastConnectKey);
     if (!line || line->empty())
         return std::nullopt;
-    CCommunicationInfo info;
-    if (!info.FromLine(*line)) {
-        error = "the last connection in " + Settings::UserPath() + " is malformed: '" + *line + "'";
+    CLastConnection last;
+    if (!last.info.FromLine(*line)) {
+        error = "the last connection in " + settings.Path() + " is malformed: '" + *line + "'";
         return std::nullopt;
     }
-    return info;
+    if (IsNetwork(last.info)) {
+        last.options.sTcpHost = settings.GetString(kLastConnectSection, kLastConnectHostKey);
+        int port = settings.GetInt(kLastConnectSection, kLastConnectPortKey, 0);
+        if (port > 0 && port <= 65535)
+            last.options.wTcpPort = static_cast<std::uint16_t>(port);
+    }
+    return last;
 }
 
 } // namespace tessitor

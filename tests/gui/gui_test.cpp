@@ -4,12 +4,15 @@
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QTableWidget>
 #include <QTreeWidget>
 
 #include "sim/simserialserver.h"
 #include "tests/gui/guitesthelpers.h"
 #include "ui/gui/mainframe.h"
 #include "ui/gui/qtui.h"
+#include "ui/gui/monitorwindow.h"
+#include "ui/gui/parameterswindow.h"
 #include "ui/gui/scopeview.h"
 #include "ui/gui/scopewindow.h"
 #include "ui/gui/terminalwindow.h"
@@ -158,13 +161,13 @@ private slots:
         headless.remove("DISPLAY");
         headless.remove("QT_QPA_PLATFORM");
 
-        for (const QString& out : {"out.png", "out.svg", "out.pdf"}) {
+        for (const char* out : {"out.png", "out.svg", "out.pdf"}) {
             QProcess plot;
             plot.setProcessEnvironment(headless);
             plot.start(program, {"--plot", folder.filePath("in.sdv"), "-o", folder.filePath(out)});
             QVERIFY(plot.waitForFinished(kWaitMs));
             QCOMPARE(plot.exitCode(), 0);
-            QVERIFY2(QFile(folder.filePath(out)).size() > 500, qPrintable(out));
+            QVERIFY2(QFile(folder.filePath(out)).size() > 500, out);
         }
         QVERIFY(QImage(folder.filePath("out.png")).width() == CScopeView::kRenderWidth);
 
@@ -177,6 +180,39 @@ private slots:
         usage.start(program, {"--plot", folder.filePath("in.sdv")});
         QVERIFY(usage.waitForFinished(kWaitMs));
         QCOMPARE(usage.exitCode(), 2);
+    }
+
+    void MonitorAndParametersReadTheDrive()
+    {
+        CMainFrame frame;
+        frame.show();
+        CDriveSession* session = frame.OpenVirtualDrive();
+        QVERIFY(session);
+        auto* monitor = qobject_cast<CMonitorWindow*>(frame.ShowChild(session, CMainFrame::kMonitor));
+        auto* parameters = qobject_cast<CParametersWindow*>(frame.ShowChild(session, CMainFrame::kParameters));
+        QVERIFY(monitor && parameters);
+
+        QTRY_VERIFY_WITH_TIMEOUT(monitor->Readings() >= 3, kWaitMs);
+        QCOMPARE(monitor->ValueText(3), QString("6")); // SR of a fresh drive: position mode, motor off
+        Shoot(monitor, "monitor");
+
+        QTRY_VERIFY_WITH_TIMEOUT(parameters->IsRead(), kWaitMs);
+        QTableWidget* table = parameters->Table();
+        int row = parameters->RowOf("KP[3]");
+        QVERIFY(row >= 0);
+        QCOMPARE(table->item(row, CParametersWindow::kColValue)->text().toDouble(), 100.0);
+        table->item(row, CParametersWindow::kColValue)->setText("120"); // as the user types it
+        QTRY_VERIFY_WITH_TIMEOUT(table->item(row, CParametersWindow::kColName)->background() != QBrush(), kWaitMs);
+        QCOMPARE(table->item(row, CParametersWindow::kColValue)->text().toDouble(), 120.0);
+        parameters->Write(row, "20000"); // above its maximum
+        QTRY_VERIFY_WITH_TIMEOUT(!table->item(row, CParametersWindow::kColNote)->text().isEmpty(), kWaitMs);
+        QVERIFY2(table->item(row, CParametersWindow::kColNote)->text().startsWith("Error ("),
+                 qPrintable(table->item(row, CParametersWindow::kColNote)->text()));
+        QTRY_COMPARE_WITH_TIMEOUT(table->item(row, CParametersWindow::kColValue)->text().toDouble(), 120.0, kWaitMs);
+        Shoot(parameters, "parameters");
+        parameters->SaveToFlash();
+        QTRY_COMPARE_WITH_TIMEOUT(parameters->StateText(), QString("Saved to flash (SV)."), kWaitMs);
+        QCOMPARE(table->item(row, CParametersWindow::kColName)->background(), QBrush());
     }
 
 private:

@@ -139,10 +139,10 @@ CConnectDialog::CConnectDialog(QWidget* parent) : QDialog(parent)
     QPushButton* connectButton = buttons->addButton("&Connect", QDialogButtonBox::AcceptRole);
     QPushButton* lastButton = buttons->addButton("L&ast Connection", QDialogButtonBox::ActionRole);
     std::string lastError;
-    std::optional<CCommunicationInfo> last = LoadLastConnection(lastError);
+    std::optional<CLastConnection> last = LoadLastConnection(lastError);
     lastButton->setEnabled(last.has_value());
     if (last)
-        lastButton->setToolTip(QString::fromStdString(last->GetDisplayText()));
+        lastButton->setToolTip(QString::fromStdString(last->info.GetDisplayText()));
     connect(connectButton, &QPushButton::clicked, this, &CConnectDialog::AcceptPage);
     connect(lastButton, &QPushButton::clicked, this, &CConnectDialog::AcceptLast);
     connect(buttons, &QDialogButtonBox::rejected, this, &QDialog::reject);
@@ -170,13 +170,14 @@ void CConnectDialog::AcceptVirtual()
 void CConnectDialog::AcceptLast()
 {
     std::string error;
-    std::optional<CCommunicationInfo> last = LoadLastConnection(error);
+    std::optional<CLastConnection> last = LoadLastConnection(error);
     if (!last) {
         Fail(QString::fromStdString(error.empty() ? "No connection has succeeded yet." : error));
         return;
     }
     m_Request = {};
-    m_Request.info = *last;
+    m_Request.info = last->info;
+    m_Request.options = last->options;
     accept();
 }
 

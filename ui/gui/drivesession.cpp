@@ -59,7 +59,7 @@ std::string CDriveSession::Connect()
     try {
         m_pLink = CreateLink(m_Request.info, options);
         if (int error = m_pLink->Connect())
-            return ConnectFaultText(*m_pLink, options, error);
+            return ConnectFaultText(*m_pLink, error);
         m_pLink->Identify();
     } catch (CCommunication::CExceptionComm& e) {
         if (m_pLink && m_pLink->IsConnected())

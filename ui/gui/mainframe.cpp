@@ -239,8 +239,10 @@ QWidget* CMainFrame::ShowChild(CDriveSession* session, ChildKind kind)
     QWidget* child = MakeChild(session, kind);
     if (!child)
         return nullptr;
+    const QSize preferred = child->size(); // each window sets the size it wants
     QMdiSubWindow* sub = m_pMdi->addSubWindow(child);
     sub->setAttribute(Qt::WA_DeleteOnClose);
+    sub->resize(sub->sizeHint().expandedTo(preferred));
     m_arChildren[key] = sub;
     connect(sub, &QObject::destroyed, this, [this, key] { m_arChildren.erase(key); });
     sub->show();

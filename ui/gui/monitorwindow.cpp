@@ -46,6 +46,7 @@ CMonitorWindow::CMonitorWindow(CDriveSession* session, QWidget* parent) : QWidge
         form->addRow(kCaptions[i], m_arValues[i]);
     }
     m_pStatusBits = new QLabel;
+    m_pStatusBits->setWordWrap(true);
     form->addRow("", m_pStatusBits);
     m_pError = new QLabel;
     m_pError->setStyleSheet("color: #c00000");

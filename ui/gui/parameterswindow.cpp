@@ -162,6 +162,7 @@ void CParametersWindow::ShowValues(const std::vector<std::string>& values, const
         SetValueCell(static_cast<int>(row), bRefused ? QString() : QString::fromStdString(value));
         m_pTable->item(static_cast<int>(row), kColNote)->setText(bRefused ? QString::fromStdString(value.substr(2)) : QString());
     }
+    m_pTable->resizeColumnsToContents();
     m_bRead = error.isEmpty() && values.size() == m_arItems.size();
     m_pState->setText(error.isEmpty() ? QString("%1 parameters read.").arg(values.size()) : error);
 }
@@ -200,6 +201,7 @@ void CParametersWindow::ShowWrite(int row, const QString& value, const QString& 
         SetValueCell(row, value);
     QTableWidgetItem* note = m_pTable->item(row, kColNote);
     note->setText(error);
+    note->setToolTip(error);
     note->setForeground(error.isEmpty() ? QBrush() : QBrush(kRefusedColor));
     if (error.isEmpty())
         SetChanged(row, true);
