@@ -9,6 +9,7 @@
 
 #include "sim/simserialserver.h"
 #include "tests/gui/guitesthelpers.h"
+#include "ui/gui/applicationswindow.h"
 #include "ui/gui/mainframe.h"
 #include "ui/gui/qtui.h"
 #include "ui/gui/monitorwindow.h"
@@ -213,6 +214,36 @@ private slots:
         parameters->SaveToFlash();
         QTRY_COMPARE_WITH_TIMEOUT(parameters->StateText(), QString("Saved to flash (SV)."), kWaitMs);
         QCOMPARE(table->item(row, CParametersWindow::kColName)->background(), QBrush());
+    }
+
+    void SavedApplicationDownloadsBack()
+    {
+        QTemporaryDir folder;
+        CMainFrame frame;
+        frame.show();
+        CDriveSession* session = frame.OpenVirtualDrive();
+        QVERIFY(session);
+        auto* apps = qobject_cast<CApplicationsWindow*>(frame.ShowChild(session, CMainFrame::kApplications));
+        auto* terminal = qobject_cast<CTerminalWindow*>(frame.ShowChild(session, CMainFrame::kTerminal));
+        QVERIFY(apps && terminal);
+        CBoxWatcher boxes(QMessageBox::Yes);
+        QString path = folder.filePath("drive.dat");
+        QCOMPARE(apps->ActionCaption(), QString("&Download"));
+
+        apps->Save(path);
+        QTRY_VERIFY_WITH_TIMEOUT(!apps->IsBusy(), kWaitMs);
+        QCOMPARE(apps->Outcome(), QString("Saved."));
+        QVERIFY(QFile(path).size() > 0);
+        terminal->Send("KP[3]=250");
+        apps->Download(path);
+        QTRY_VERIFY_WITH_TIMEOUT(!apps->IsBusy(), kWaitMs);
+        terminal->Send("KP[3]");
+
+        QCOMPARE(apps->Outcome(), QString("Downloaded."));
+        QCOMPARE(apps->ActionCaption(), QString("&Download"));
+        QTRY_VERIFY_WITH_TIMEOUT(terminal->Transcript().endsWith("> KP[3]\n100"), kWaitMs);
+        QVERIFY2(boxes.m_arSeen.isEmpty(), qPrintable(boxes.m_arSeen.join("; ")));
+        Shoot(apps, "applications");
     }
 
 private:

@@ -13,6 +13,7 @@
 
 #include "communication/drivestatus.h"
 #include "core/ui.h"
+#include "ui/gui/applicationswindow.h"
 #include "ui/gui/connectdialog.h"
 #include "ui/gui/monitorwindow.h"
 #include "ui/gui/parameterswindow.h"
@@ -37,8 +38,10 @@ const char* ChildName(int kind)
         return "Scope";
     case CMainFrame::kMonitor:
         return "Motion Monitor";
-    default:
+    case CMainFrame::kParameters:
         return "Parameters";
+    default:
+        return "Applications";
     }
 }
 
@@ -96,7 +99,7 @@ CMainFrame::CMainFrame()
     tools->addAction(closeAction);
 
     QMenu* windows = menuBar()->addMenu("&Window");
-    for (int kind = kTerminal; kind <= kParameters; ++kind)
+    for (int kind = kTerminal; kind <= kApplications; ++kind)
         windows->addAction(ChildName(kind), this, [this, kind] {
             CDriveSession* session = CurrentSession();
             if (session && session->IsConnected())
@@ -155,7 +158,7 @@ CDriveSession* CMainFrame::OpenDrive(const CConnectRequest& request)
 
     auto* item = new QTreeWidgetItem(m_pTree);
     item->setData(0, kSessionRole, QVariant::fromValue(raw));
-    for (int kind = kTerminal; kind <= kParameters; ++kind) {
+    for (int kind = kTerminal; kind <= kApplications; ++kind) {
         auto* child = new QTreeWidgetItem(item, {ChildName(kind)});
         child->setData(0, kSessionRole, QVariant::fromValue(raw));
         child->setData(0, kKindRole, kind);
@@ -260,6 +263,8 @@ QWidget* CMainFrame::MakeChild(CDriveSession* session, ChildKind kind)
         return new CMonitorWindow(session);
     case kParameters:
         return new CParametersWindow(session);
+    case kApplications:
+        return new CApplicationsWindow(session);
     default:
         return nullptr;
     }

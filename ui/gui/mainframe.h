@@ -1,5 +1,6 @@
 // The main window: the open drives in a tree on the left, each drive's
-// windows (terminal, scope, motion monitor, parameters) as MDI children,
+// windows (terminal, scope, motion monitor, parameters, applications) as
+// MDI children,
 // and the drive menu to connect, disconnect and reconnect.
 #pragma once
 
@@ -23,7 +24,7 @@ class CMainFrame : public QMainWindow {
     Q_OBJECT
 public:
     /// The kinds of a drive's windows, as the tree names them.
-    enum ChildKind { kTerminal, kScope, kMonitor, kParameters };
+    enum ChildKind { kTerminal, kScope, kMonitor, kParameters, kApplications };
 
     CMainFrame();
     ~CMainFrame() override;
