@@ -156,19 +156,8 @@ void CApplicationsWindow::Download(const QString& path)
     m_pSave->setEnabled(false);
     m_pProgress->setRange(0, 1);
     m_pProgress->setValue(0);
-    QPointer<CApplicationsWindow> self(this);
     std::string file = path.toStdString();
-    m_pSession->Post([self, open, methods, file](CCommunication&) {
-        QString outcome;
-        try {
-            outcome = OutcomeText(open->Download(file));
-        } catch (CCommunication::CExceptionComm& e) {
-            QString why = QString::fromStdString(e.FillMessage());
-            QMetaObject::invokeMethod(self, [self, why] { self->Done(why); }, Qt::QueuedConnection);
-            throw;
-        }
-        QMetaObject::invokeMethod(self, [self, outcome] { self->Done(outcome); }, Qt::QueuedConnection);
-    });
+    RunOnDrive([open, methods, file] { return QString(OutcomeText(open->Download(file))); });
 }
 
 void CApplicationsWindow::Save(const QString& path)
@@ -187,15 +176,21 @@ void CApplicationsWindow::Save(const QString& path)
     m_pAction->setEnabled(false);
     m_pSave->setEnabled(false);
     m_pStatus->setText("Saving the drive to " + QFileInfo(path).fileName() + "...");
-    QPointer<CApplicationsWindow> self(this);
     std::string file = path.toStdString();
-    m_pSession->Post([self, save, methods, file](CCommunication&) {
+    RunOnDrive([save, methods, file] { return QString(OutcomeText(save->Save(file))); });
+}
+
+void CApplicationsWindow::RunOnDrive(std::function<QString()> operation)
+{
+    QPointer<CApplicationsWindow> self(this);
+    m_pSession->Post([self, operation](CCommunication&) {
         QString outcome;
         try {
-            outcome = OutcomeText(save->Save(file));
+            outcome = operation();
         } catch (CCommunication::CExceptionComm& e) {
-            QString why = QString::fromStdString(e.FillMessage());
-            QMetaObject::invokeMethod(self, [self, why] { self->Done(why); }, Qt::QueuedConnection);
+            // Shown here, and (a link failure) in the one error box as well.
+            outcome = QString::fromStdString(e.FillMessage());
+            QMetaObject::invokeMethod(self, [self, outcome] { self->Done(outcome); }, Qt::QueuedConnection);
             throw;
         }
         QMetaObject::invokeMethod(self, [self, outcome] { self->Done(outcome); }, Qt::QueuedConnection);

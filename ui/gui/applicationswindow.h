@@ -48,6 +48,9 @@ private:
     std::intptr_t OnMessage(unsigned message, std::uintptr_t wParam, std::intptr_t lParam);
     void ChooseFile();
     void SaveDialog();
+    /// Runs operation on the drive's worker; its outcome (or the failure's
+    /// words) ends the busy state.
+    void RunOnDrive(std::function<QString()> operation);
     void Done(const QString& outcome);
 
     CDriveSession* m_pSession;
