@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
+#include <fstream>
 #include <limits>
 #include <memory>
 
@@ -41,6 +42,8 @@ MatVar DoubleVar(const char* name, double value)
     std::size_t dims[2] = {1, 1};
     return MatVar(Mat_VarCreate(name, MAT_C_DOUBLE, MAT_T_DOUBLE, 2, dims, &value, 0));
 }
+
+constexpr std::size_t kMat5HeaderBytes = 128;
 
 // The text of a char array, whichever width matio read it with.
 bool TextOf(const matvar_t* var, std::string& text)
@@ -215,9 +218,26 @@ bool CScopeFile::SaveMat(const std::string& path)
     return true;
 }
 
+namespace {
+
+// A MAT 5 file ends its 128-byte header with the endian mark "IM" or "MI".
+// Anything else is refused before matio reads it: its older formats would
+// take the size of a first variable from whatever bytes a text file holds.
+bool HasMat5Header(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    char header[kMat5HeaderBytes] = {};
+    if (!in.read(header, sizeof header))
+        return false;
+    const char* mark = header + kMat5HeaderBytes - 2;
+    return (mark[0] == 'I' && mark[1] == 'M') || (mark[0] == 'M' && mark[1] == 'I');
+}
+
+} // namespace
+
 bool CScopeFile::LoadMat(const std::string& path)
 {
-    mat_t* mat = Mat_Open(path.c_str(), MAT_ACC_RDONLY);
+    mat_t* mat = HasMat5Header(path) ? Mat_Open(path.c_str(), MAT_ACC_RDONLY) : nullptr;
     if (!mat)
         return Fail(path, "not a MAT file, or it cannot be read");
     MatVar data(Mat_VarRead(mat, kDataVariable));
