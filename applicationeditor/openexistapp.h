@@ -39,6 +39,11 @@ inline constexpr char kCaptionTessitor[] = "Tessitor";
 inline constexpr char kStatusProgram[] = "Program downloading...";
 inline constexpr char kStatusParameters[] = "Parameters downloading...";
 inline constexpr char kTextTerminated[] = "Proccess download application was terminated by User...";
+/// The file choice of a front end: its title and its filter, as the
+/// platform's file dialogs write filters ("text|pattern|...||").
+inline constexpr char kOpenDialogTitle[] = "Open Existing Application";
+inline constexpr char kOpenDialogFilter[] =
+    "Binary Files (*.dat)|*.dat|ApplicationDB Files (*.mdb)|*.mdb|All Files (*.*)|*.*||";
 /// The refusal of an application database: that path is not built yet.
 inline constexpr char kTextNoDatabases[] = "Application databases (*.mdb) are not supported yet.";
 
