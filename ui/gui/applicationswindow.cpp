@@ -19,9 +19,6 @@ namespace tessitor::gui {
 
 namespace {
 
-// The open-file dialog as users know it; Qt writes the filter its own way.
-constexpr char kOpenTitle[] = "Open Existing Application";
-constexpr char kOpenFilter[] = "Binary Files (*.dat);;ApplicationDB Files (*.mdb);;All Files (*.*)";
 constexpr char kSaveTitle[] = "Save Application";
 constexpr char kSaveFilter[] = "Binary Files (*.dat)";
 
@@ -55,6 +52,17 @@ const char* OutcomeText(CSaveExistApp::Result result)
     default:
         return "Not saved.";
     }
+}
+
+// "text|pattern|text|pattern||" as Qt writes it: "text;;text" (each text
+// names its patterns).
+QString QtFilter(const char* filter)
+{
+    QStringList parts = QString(filter).split('|', Qt::SkipEmptyParts);
+    QStringList texts;
+    for (int i = 0; i < parts.size(); i += 2)
+        texts << parts[i];
+    return texts.join(";;");
 }
 
 } // namespace
@@ -129,7 +137,8 @@ void CApplicationsWindow::Action()
 
 void CApplicationsWindow::ChooseFile()
 {
-    QString path = QFileDialog::getOpenFileName(this, kOpenTitle, QFileInfo(m_pFile->text()).absolutePath(), kOpenFilter);
+    QString path = QFileDialog::getOpenFileName(this, kOpenDialogTitle, QFileInfo(m_pFile->text()).absolutePath(),
+                                                QtFilter(kOpenDialogFilter));
     if (!path.isEmpty())
         m_pFile->setText(path);
 }
