@@ -71,7 +71,9 @@ CLineEditor::CLineEditor()
     el_source(m_pEditLine, nullptr);
     // Ctrl-C reaches the editor as a key rather than as SIGINT while a line
     // is typed; during a command it still interrupts the program.
-    el_set(m_pEditLine, EL_ADDFN, "tessitor-interrupt", "Drop the line being typed", OnInterrupt);
+    // The wide form: the narrow one copies the name and the help text and
+    // never frees them.
+    el_wset(m_pEditLine, EL_ADDFN, L"tessitor-interrupt", L"Drop the line being typed", OnInterrupt);
     el_set(m_pEditLine, EL_BIND, "^C", "tessitor-interrupt", nullptr);
     el_set(m_pEditLine, EL_SETTY, "-d", "-isig", nullptr);
 }
