@@ -46,6 +46,7 @@ TEST(AppShowCommand, ListsTheImageThroughTheVersionDatabaseAndRefusesAMismatch)
     auto mismatch = RunProcess({TessitorPath(), "app", "show", bad});
     auto noLayout = RunProcess({TessitorPath(), "app", "show", unknown});
     auto missing = RunProcess({TessitorPath(), "app", "show", dir / "missing.dat"});
+    auto folder = RunProcess({TessitorPath(), "app", "show", dir.Path().string()});
 
     EXPECT_EQ(0, shown.nStatus) << shown.sErr;
     EXPECT_EQ(0, shown.sOut.find("version: Bressa 1.0.4.2\nconnection: TCP/IP 10.0.0.200 RS232 Port 1\n"
@@ -63,7 +64,10 @@ TEST(AppShowCommand, ListsTheImageThroughTheVersionDatabaseAndRefusesAMismatch)
     EXPECT_EQ(std::string::npos, mismatch.sOut.find("KP[1]"));
     EXPECT_EQ(1, noLayout.nStatus);
     EXPECT_EQ("The version database has no parameter layout for the version \"Bressa 9.9.0.0\".\n", noLayout.sErr);
-    EXPECT_EQ(2, missing.nStatus);
+    EXPECT_EQ(1, missing.nStatus);
+    EXPECT_EQ("tessitor: cannot read " + dir / "missing.dat" + ": No such file or directory\n", missing.sErr);
+    EXPECT_EQ(1, folder.nStatus);
+    EXPECT_EQ("tessitor: cannot read " + dir.Path().string() + ": Is a directory\n", folder.sErr);
 }
 
 TEST(AppShowCommand, ShowsUnprintableNameCharactersAsCodes)

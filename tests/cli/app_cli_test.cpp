@@ -101,6 +101,7 @@ TEST_F(AppCliTest, VersionChecksAskOrRefuseAndLeaveTheDriveAlone)
     std::string readOnly = m_Dir / "ro.dat";
     WriteFile(readOnly, "kept");
     ::chmod(readOnly.c_str(), 0444);
+    WriteFile(m_Dir / "apps.mdb", "");
 
     ProcessResult no = Tessitor(conn, {"app", "download", newer, "--no"});
     ProcessResult untouched = Tessitor(conn, {"send", "KP[2]"});
@@ -108,6 +109,7 @@ TEST_F(AppCliTest, VersionChecksAskOrRefuseAndLeaveTheDriveAlone)
     ProcessResult converted = Tessitor(conn, {"send", "KP[2]"});
     ProcessResult products = Tessitor(conn, {"app", "download", other});
     ProcessResult database = Tessitor(conn, {"app", "download", m_Dir / "apps.mdb"});
+    ProcessResult missing = Tessitor(conn, {"app", "diff", newer, m_Dir / "missing.dat"});
     ProcessResult binary = Tessitor({"--serial", bressa.FirstLine()}, {"app", "download", newer});
     ProcessResult refusedSave = Tessitor(conn, {"app", "save", readOnly});
 
@@ -126,6 +128,8 @@ TEST_F(AppCliTest, VersionChecksAskOrRefuseAndLeaveTheDriveAlone)
         << products.sErr;
     EXPECT_EQ(1, database.nStatus);
     EXPECT_NE(std::string::npos, database.sErr.find("Application databases (*.mdb) are not supported yet."));
+    EXPECT_EQ(1, missing.nStatus);
+    EXPECT_EQ("tessitor: cannot read " + m_Dir / "missing.dat" + ": No such file or directory\n", missing.sErr);
     EXPECT_EQ(1, binary.nStatus);
     EXPECT_NE(std::string::npos, binary.sErr.find("This amplifier version nonsupports BINARY download"));
     EXPECT_EQ(1, refusedSave.nStatus);

@@ -1,9 +1,13 @@
 // tessitor app: back a drive up into an application file (save), restore
 // it (download, with the version checks and the converter), show what a
 // file holds and compare parameters (diff).
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <map>
 #include <mutex>
 #include <stdexcept>
@@ -58,6 +62,23 @@ std::string JsonString(const std::string& text)
     return out + "\"";
 }
 
+// A file a command reads must be there and readable: a failure naming the
+// file (exit status 1), found before any link is opened.
+void RequireReadable(const std::string& path)
+{
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    int error = errno;
+    struct stat st {};
+    if (fd >= 0 && ::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode))
+        error = EISDIR;
+    else if (fd >= 0)
+        error = 0;
+    if (fd >= 0)
+        ::close(fd);
+    if (error != 0)
+        throw Failure("tessitor: cannot read " + path + ": " + std::strerror(error));
+}
+
 struct ShownParameter {
     const CControlItem* pItem;
     std::string sText;
@@ -65,6 +86,7 @@ struct ShownParameter {
 
 int ShowApplication(const std::string& path, bool json)
 {
+    RequireReadable(path);
     CDatFile file(path);
     std::string version = file.GetVersionString();
     CCommunicationInfo info = file.GetCommunicationInfo();
@@ -199,6 +221,7 @@ int SaveApplication(CCliContext& context, const std::string& path)
 
 int DownloadApplication(CCliContext& context, const std::string& path)
 {
+    RequireReadable(path);
     CCommunication& link = context.Connect();
     auto methods = CreateProductMethods(link);
     CAppProgress progress;
@@ -256,8 +279,8 @@ constexpr int kExitDifferent = 3;
 int DiffApplications(CCliContext& context, const std::string& first, const std::string& second)
 {
     for (const std::string& path : {first, second})
-        if (!path.empty() && !CDatFile(path).IsLoaded())
-            throw Failure("tessitor: cannot read " + path);
+        if (!path.empty())
+            RequireReadable(path);
     CDatFile a(first);
     std::string versionA = a.GetVersionString(), versionB, hexB, whereB = second;
     if (second.empty()) {
@@ -314,14 +337,15 @@ void RegisterAppCommand(CLI::App& app, CCliContext& context)
     };
     auto show = std::make_shared<ShowOptions>();
     CLI::App* showCmd = sub->add_subcommand("show", "Print what an application file (.dat) holds");
-    showCmd->add_option("FILE", show->sPath, "The application file")->required()->check(CLI::ExistingFile);
+    showCmd->add_option("FILE", show->sPath, "The application file")->required();
     showCmd->add_flag("--json", show->bJson, "One JSON object instead of text");
     showCmd->footer("Prints the version, the connection, the user program (each line indented) and every\n"
                     "parameter of the image as 'MNEMONIC[INDEX] = value', decoded through the version\n"
                     "database in the image's order; a character parameter that is not printable shows as\n"
-                    "\\xHH. Exit status 1 when the version has no layout in the database or the image does\n"
-                    "not fit it (\"Size of this DAT file mismatch of the Version.\"); what could be read is\n"
-                    "printed all the same.\n\n"
+                    "\\xHH.\n\n"
+                    "Exit status: 0 shown; 1 FILE cannot be read, or its version has no layout in the\n"
+                    "database, or its image does not fit it (\"Size of this DAT file mismatch of the\n"
+                    "Version.\"; what could be read is printed all the same); 2 wrong usage.\n\n"
                     "Examples:\n  tessitor app show drive.dat\n  tessitor app show drive.dat --json");
     context.SetAction(showCmd, [show] { return ShowApplication(show->sPath, show->bJson); }, CommandUse::kFileOnly);
 
@@ -351,25 +375,25 @@ void RegisterAppCommand(CLI::App& app, CCliContext& context)
         "and the parameter image go to the drive; the drive takes the image only with its motor\n"
         "off. Progress shows on a terminal; Ctrl-C is the Break button: the transfer stops at\n"
         "its next chunk or program line. A .mdb file (application database) is not supported.\n\n"
-        "Exit status: 0 downloaded; 1 refused, not converted, stopped, or the drive or the link\n"
-        "failed (the drive untouched unless the program had gone down); 2 wrong usage.\n\n"
+        "Exit status: 0 downloaded; 1 FILE cannot be read, refused, not converted, stopped, or\n"
+        "the drive or the link failed (the drive untouched unless the program had gone down);\n"
+        "2 wrong usage.\n\n"
         "Examples:\n  tessitor --serial /dev/ttyUSB0 app download drive.dat\n"
         "  tessitor --last app download drive.dat --yes");
     context.SetAction(downloadCmd, [&context, paths] { return DownloadApplication(context, (*paths)[0]); },
                       CommandUse::kConnection);
 
     CLI::App* diffCmd = sub->add_subcommand("diff", "List the parameters that differ: a file against the drive, or two files");
-    diffCmd->add_option("FILE", (*paths)[0], "The application file (.dat)")->required()->check(CLI::ExistingFile);
-    diffCmd->add_option("FILE2", (*paths)[1], "A second file; without it, the connected drive")
-        ->check(CLI::ExistingFile);
+    diffCmd->add_option("FILE", (*paths)[0], "The application file (.dat)")->required();
+    diffCmd->add_option("FILE2", (*paths)[1], "A second file; without it, the connected drive");
     diffCmd->footer("Decodes both parameter images through the version database and prints one line\n"
                     "for each parameter whose value differs, in the first image's order:\n"
                     "  NAME: VALUE-IN-FILE | VALUE-IN-FILE2-OR-DRIVE\n"
                     "\"(none)\" stands for a parameter the other version does not have; a line\n"
                     "\"version: A | B\" comes first when the versions differ. Without FILE2 the\n"
                     "drive's image is uploaded (a connection option is needed).\n\n"
-                    "Exit status: 0 no differences; 3 differences listed; 1 a file or the drive\n"
-                    "failed; 2 wrong usage.\n\n"
+                    "Exit status: 0 no differences; 3 differences listed; 1 a file cannot be read, or\n"
+                    "the drive failed; 2 wrong usage.\n\n"
                     "Examples:\n  tessitor --sim app diff drive.dat\n  tessitor app diff old.dat new.dat");
     context.SetAction(diffCmd, [&context, paths] { return DiffApplications(context, (*paths)[0], (*paths)[1]); },
                       CommandUse::kConnection);
