@@ -1,7 +1,5 @@
 #include "applicationeditor/openexistapp.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cctype>
 #include <chrono>
@@ -14,7 +12,6 @@
 #include "applicationeditor/datfile.h"
 #include "applicationeditor/nolbremethods.h"
 #include "applicationeditor/versiondb.h"
-#include "core/settings.h"
 #include "core/strformat.h"
 #include "core/trace.h"
 #include "core/ui.h"
@@ -41,36 +38,6 @@ std::string Extension(const std::string& path)
     return ext;
 }
 
-// The program download runs in the user-program folder, and the process
-// goes back where it was afterwards.
-class CWorkingFolder {
-public:
-    explicit CWorkingFolder(const std::string& folder)
-    {
-        if (folder.empty())
-            return;
-        char* old = ::getcwd(nullptr, 0);
-        if (!old)
-            return;
-        m_sOld = old;
-        ::free(old);
-        if (::chdir(folder.c_str()) != 0) {
-            Trace::Printf("COpenExistApp: cannot change to the user-program folder %s\n", folder.c_str());
-            m_sOld.clear();
-        }
-    }
-    ~CWorkingFolder()
-    {
-        if (!m_sOld.empty() && ::chdir(m_sOld.c_str()) != 0)
-            Trace::Printf("COpenExistApp: cannot change back to %s\n", m_sOld.c_str());
-    }
-    CWorkingFolder(const CWorkingFolder&) = delete;
-    CWorkingFolder& operator=(const CWorkingFolder&) = delete;
-
-private:
-    std::string m_sOld;
-};
-
 // The methods check the dialog's abort flag only while one download runs.
 class CAbortWatch {
 public:
@@ -91,8 +58,6 @@ private:
 COpenExistApp::COpenExistApp(CCommunication& link, CProductMethods* pMethods, Window* pWindow)
     : m_Link(link), m_pMethods(pMethods), m_pWindow(pWindow)
 {
-    Settings settings = Settings::User();
-    m_sProgramFolder = settings.GetString(kToolsSection, kUserProgramFolderKey);
 }
 
 void COpenExistApp::SetStatus(const std::string& text)
@@ -217,8 +182,10 @@ COpenExistApp::Result COpenExistApp::DownloadApplication(const CDatFile& file)
     try {
         SetStatus(kStatusProgram);
         std::string program = file.GetUserProgram();
+        // The program goes to the drive as text and the drive compiles it:
+        // no file is read or written, so the process's working folder, which
+        // other threads share, is never changed for it.
         if (!program.empty() && m_pMethods) {
-            CWorkingFolder folder(m_sProgramFolder);
             CAbortWatch watch(*m_pMethods, &m_nAbort);
             m_pMethods->DownloadProgram(program, m_pWindow);
             // This family leaves the compile to the one who downloads.
