@@ -19,11 +19,32 @@ namespace fs = std::filesystem;
 
 namespace {
 
-ProcessResult Tessitor(std::vector<std::string> args)
+// A folder of this test run for what the commands leave (their settings, the
+// demo's files), removed when the run ends.
+const fs::path& RunFolder()
+{
+    struct Folder {
+        Folder()
+        {
+            std::string pattern = (fs::temp_directory_path() / "tessitor-simcli-XXXXXX").string();
+            path = ::mkdtemp(pattern.data()) ? pattern : "";
+        }
+        ~Folder()
+        {
+            std::error_code ignored;
+            fs::remove_all(path, ignored);
+        }
+        fs::path path;
+    };
+    static const Folder folder;
+    return folder.path;
+}
+
+ProcessResult Tessitor(std::vector<std::string> args, std::vector<std::string> env = {})
 {
     args.insert(args.begin(), TessitorPath());
-    fs::path config = fs::temp_directory_path() / ("tessitor-sim-test-" + std::to_string(::getpid()) + ".ini");
-    return RunProcess(args, {"TESSITOR_CONFIG=" + config.string()});
+    env.push_back("TESSITOR_CONFIG=" + (RunFolder() / "tessitor.ini").string());
+    return RunProcess(args, env);
 }
 
 } // namespace
@@ -58,6 +79,7 @@ TEST(SimCliTest, ServesAnUnprivilegedUserAgainAndAgain)
         if (RunProcess(probe).nStatus != 0)
             GTEST_SKIP() << "running as root, and setpriv cannot switch to the user nobody here";
     }
+    // Not in RunFolder(), which only its owner may enter.
     fs::path folder = fs::temp_directory_path() / ("tessitor-sim-user-" + std::to_string(::getpid()));
     fs::create_directories(folder);
     fs::permissions(folder, fs::perms::all); // the user's settings go here
@@ -99,7 +121,7 @@ TEST(SimCliTest, FaultsFromTheCommandLineReachTheClient)
 
 TEST(SimCliTest, FlashFileKeepsSavedParametersBetweenRuns)
 {
-    fs::path flash = fs::temp_directory_path() / ("tessitor-sim-flash-" + std::to_string(::getpid()) + ".bin");
+    fs::path flash = RunFolder() / "flash.bin";
     fs::remove(flash);
     {
         CBackgroundProcess sim({TessitorPath(), "sim", "--serial", "--flash", flash.string()});
@@ -118,7 +140,7 @@ TEST(SimCliTest, FlashFileKeepsSavedParametersBetweenRuns)
 
 TEST(SimCliTest, WrongUsageExitsTwo)
 {
-    fs::path readOnly = fs::temp_directory_path() / ("tessitor-sim-ro-" + std::to_string(::getpid()) + ".bin");
+    fs::path readOnly = RunFolder() / "ro.bin";
     std::ofstream(readOnly) << "kept";
     fs::permissions(readOnly, fs::perms::owner_read | fs::perms::group_read | fs::perms::others_read);
     for (const std::vector<std::string>& args :
@@ -157,7 +179,7 @@ TEST(SimCliTest, EveryHelpExampleWorksAsPrinted)
     }
     ASSERT_GE(sims.size(), 4u) << help.sOut;
     ASSERT_GE(sends.size(), 2u) << help.sOut;
-    fs::path folder = fs::temp_directory_path() / ("tessitor-sim-examples-" + std::to_string(::getpid()));
+    fs::path folder = RunFolder() / "examples";
     fs::create_directories(folder);
     fs::path previous = fs::current_path();
     fs::current_path(folder); // an example may write a file where it runs
@@ -191,8 +213,16 @@ TEST(SimCliTest, EmbeddedDriveAndDemoNeedNoHardware)
     EXPECT_EQ(sent.nStatus, 0) << sent.sErr;
     EXPECT_EQ(sent.sOut, "Bressa 1.0.4.2\n7.5\n");
 
-    ProcessResult demo = Tessitor({"demo"});
+    // Without --dir the demo makes a folder of its own in the temporary folder.
+    fs::path tmp = RunFolder() / "tmp";
+    fs::create_directories(tmp);
+    ProcessResult demo = Tessitor({"demo"}, {"TMPDIR=" + tmp.string()});
     EXPECT_EQ(demo.nStatus, 0) << demo.sErr;
     EXPECT_NE(demo.sOut.find("Talvina 2.1.0.0"), std::string::npos);
     EXPECT_NE(demo.sOut.find("in target"), std::string::npos) << demo.sOut;
+    std::vector<fs::path> made(fs::directory_iterator(tmp), fs::directory_iterator{});
+    ASSERT_EQ(made.size(), 1u);
+    EXPECT_EQ(made[0].filename().string().rfind("tessitor-demo-", 0), 0u) << made[0];
+    EXPECT_TRUE(fs::exists(made[0] / "drive.dat") && fs::exists(made[0] / "Scope.sdv"));
+    EXPECT_NE(demo.sOut.find("The files are in " + made[0].string()), std::string::npos) << demo.sOut;
 }

@@ -169,7 +169,7 @@ void RegisterDemoCommand(CLI::App& app, CCliContext& context)
                 "read KP[3] back. --product chooses the drive (default Talvina).\n\n"
                 "Example:\n  tessitor demo --product Vosk");
     auto dir = std::make_shared<std::string>();
-    sub->add_option("--dir", *dir, "Folder for the scope file and the application file (default: a new one under /tmp)");
+    sub->add_option("--dir", *dir, "Folder for the scope file and the application file (default: a new one under $TMPDIR, else /tmp)");
     context.SetAction(sub, [&context, dir] { return RunDemo(context, *dir); }, CommandUse::kProduct);
 }
 
