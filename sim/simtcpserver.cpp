@@ -581,27 +581,26 @@ void CSimTcpServer::Start(const std::string& host, std::uint16_t port)
     if (p.listenFd >= 0)
         throw std::logic_error("the virtual network device is already serving");
 
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    if (::inet_pton(AF_INET, host.c_str(), &address.sin_addr) != 1) {
-        addrinfo hints{};
-        hints.ai_family = AF_INET;
-        hints.ai_socktype = SOCK_STREAM;
-        addrinfo* found = nullptr;
-        if (::getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0 || !found)
-            throw std::system_error(EINVAL, std::generic_category(), "cannot resolve '" + host + "'");
-        address.sin_addr = reinterpret_cast<sockaddr_in*>(found->ai_addr)->sin_addr;
-        ::freeaddrinfo(found);
-    }
+    // Numeric IPv4 or IPv6 addresses and names alike; the first address found is served.
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_NUMERICSERV;
+    addrinfo* found = nullptr;
+    const std::string service = std::to_string(port);
+    if (::getaddrinfo(host.c_str(), service.c_str(), &hints, &found) != 0 || !found)
+        throw std::system_error(EINVAL, std::generic_category(), "cannot resolve '" + host + "'");
+    sockaddr_storage address{};
+    socklen_t size = found->ai_addrlen;
+    std::memcpy(&address, found->ai_addr, size);
+    ::freeaddrinfo(found);
 
-    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    int fd = ::socket(address.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0)
         throw std::system_error(errno, std::generic_category(), "socket");
     int on = 1;
     ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    socklen_t size = sizeof address;
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || ::listen(fd, 64) != 0
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 || ::listen(fd, 64) != 0
         || ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
         int error = errno;
         ::close(fd);
@@ -613,10 +612,12 @@ void CSimTcpServer::Start(const std::string& host, std::uint16_t port)
         ::close(fd);
         throw std::system_error(error, std::generic_category(), "pipe");
     }
-    char dotted[INET_ADDRSTRLEN] = {};
-    ::inet_ntop(AF_INET, &address.sin_addr, dotted, sizeof dotted);
-    p.host = dotted;
-    p.port = ntohs(address.sin_port);
+    char numeric[NI_MAXHOST] = {};
+    char servedPort[NI_MAXSERV] = {};
+    ::getnameinfo(reinterpret_cast<sockaddr*>(&address), size, numeric, sizeof numeric, servedPort,
+                  sizeof servedPort, NI_NUMERICHOST | NI_NUMERICSERV);
+    p.host = numeric;
+    p.port = static_cast<std::uint16_t>(std::stoi(servedPort));
     p.listenFd = fd;
     {
         std::lock_guard lock(p.stopLock);

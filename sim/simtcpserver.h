@@ -52,12 +52,12 @@ public:
     void SetLimits(const SimTcpLimits& limits);
     const SimTcpLimits& Limits() const;
 
-    /// Listens on host (an IPv4 address or name) and port (0 = a free one)
+    /// Listens on host (an IPv4 or IPv6 address, or a name) and port (0 = a free one)
     /// and starts serving; throws std::system_error when it cannot.
     void Start(const std::string& host = "127.0.0.1", std::uint16_t port = 0);
     /// Closes the port and every connection, and joins the threads.
     void Stop();
-    /// The address listened on, dotted; valid after Start.
+    /// The address listened on, numeric ("127.0.0.1", "::1"); valid after Start.
     std::string Host() const;
     /// The port listened on; valid after Start.
     std::uint16_t Port() const;

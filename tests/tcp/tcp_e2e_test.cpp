@@ -236,5 +236,20 @@ TEST(TcpCommand, TessitorReachesDrivesOfTessitorSimOverTcp)
     EXPECT_EQ(0u, refused.sErr.rfind("Error (", 0)) << refused.sErr;
 }
 
+TEST(TcpCommand, TessitorSimServesIpv6)
+{
+    if (!std::filesystem::exists("/proc/net/if_inet6"))
+        GTEST_SKIP() << "this machine has no IPv6";
+    test::CBackgroundProcess device({test::TessitorPath(), "sim", "--tcp", "[::1]:0"});
+    std::string where = device.FirstLine();
+    ASSERT_EQ(0u, where.rfind("[::1]:", 0)) << where;
+    auto config = std::filesystem::temp_directory_path() / ("tessitor-tcp6-" + std::to_string(::getpid()) + ".ini");
+    auto sent = test::RunProcess({test::TessitorPath(), "send", "--tcp", where, "--target", "RS232 Port 1", "SP"},
+                                 {"TESSITOR_CONFIG=" + config.string()});
+    std::filesystem::remove(config);
+    EXPECT_EQ(0, sent.nStatus) << sent.sErr;
+    EXPECT_EQ("100000\n", sent.sOut);
+}
+
 } // namespace
 } // namespace tessitor

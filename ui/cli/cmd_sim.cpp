@@ -225,6 +225,9 @@ int ServeTcp(const std::string& where, const std::string& product, const SimOpti
         host = where.substr(0, colon);
         port = where.substr(colon + 1);
     }
+    // An IPv6 address comes in brackets, as the client's --tcp takes it.
+    if (host.size() >= 2 && host.front() == '[' && host.back() == ']')
+        host = host.substr(1, host.size() - 2);
     char* end = nullptr;
     long number = std::strtol(port.c_str(), &end, 10);
     if (host.empty() || port.empty() || *end != '\0' || number < 0 || number > 65535)
@@ -255,11 +258,16 @@ int ServeTcp(const std::string& where, const std::string& product, const SimOpti
     } catch (const std::system_error& e) {
         throw ConnectError(std::string("tessitor sim: ") + e.what());
     }
-    std::printf("%s:%u\n", server->Host().c_str(), server->Port());
+    // HOST:PORT as --tcp takes it back: an IPv6 address in brackets.
+    std::string served = server->Host();
+    if (served.find(':') != std::string::npos)
+        served = "[" + served + "]";
+    served += ":" + std::to_string(server->Port());
+    std::printf("%s\n", served.c_str());
     std::fflush(stdout);
     if (::isatty(STDERR_FILENO))
-        std::fprintf(stderr, "tessitor sim: %s behind %s:%u; stop with Ctrl-C\n",
-                     server->Drive("RS232 Port 1")->VersionString().c_str(), server->Host().c_str(), server->Port());
+        std::fprintf(stderr, "tessitor sim: %s behind %s; stop with Ctrl-C\n",
+                     server->Drive("RS232 Port 1")->VersionString().c_str(), served.c_str());
 
     WaitForStop(stopSignals);
     server->Stop();
@@ -275,7 +283,7 @@ void RegisterSimCommand(CLI::App& app, CCliContext& context)
     sub->add_flag("--serial", options->bSerial, "Serve the serial face on a new pseudo-terminal");
     sub->add_option("--tcp", options->sTcp,
                     "Serve a network device with the drives \"RS232 Port 1\", \"RS232 Port 2\" and\n"
-                    "\"CANopen Bus 1 NodeID 5\" on [HOST:]PORT (host 127.0.0.1 unless given; port 0: a free one)")
+                    "\"CANopen Bus 1 NodeID 5\" on [HOST:]PORT (host 127.0.0.1 unless given, an IPv6 one in brackets; port 0: a free one)")
         ->type_name("[HOST:]PORT");
     sub->add_option("--firmware", options->sVersion,
                     "Version a.b.c.d of the product (default: its newest in versions.txt)")
