@@ -45,8 +45,7 @@ std::unique_ptr<CRecorder> Recorded(CCommunication& link)
     rec->AddDisplay("Velocity");
     rec->Settings().sLength = std::to_string(kSamples);
     rec->SetPollInterval(std::chrono::milliseconds(20));
-    g_nRecorderAbort = 0;
-    if (!rec->RunPhase(CRecorder::kPhaseClear) || !rec->RunPhase(CRecorder::kPhaseWait))
+        if (!rec->RunPhase(CRecorder::kPhaseClear) || !rec->RunPhase(CRecorder::kPhaseWait))
         return nullptr;
     return rec;
 }

@@ -14,9 +14,6 @@
 
 namespace tessitor {
 
-std::atomic<std::int32_t> g_nRecorderAbort{0};
-std::atomic<std::int32_t> g_nRecorderTriggerSeen{0};
-
 namespace {
 
 constexpr char kThreadName[] = "RecorderThread";
@@ -175,7 +172,7 @@ bool CRecorder::RefuseEqualLevels()
     if (m_Settings.dLevel1 != m_Settings.dLevel2)
         return false;
     Ui::Current().MessageBox(m_pScopeWnd, kEqualLevelsText, kScopeCaption, MB_OK | MB_ICONERROR);
-    g_nRecorderAbort = 1;
+    m_nAbort = 1;
     return true;
 }
 
@@ -261,7 +258,7 @@ int CRecorder::RunPhase(int phase)
 
 int CRecorder::Clear()
 {
-    g_nRecorderTriggerSeen = 0;
+    m_bTriggerSeen = false;
     for (auto& vector : m_arVectors)
         vector->Clear();
     return StartRecording() != 0 ? 1 : 0;
@@ -270,7 +267,7 @@ int CRecorder::Clear()
 int CRecorder::WaitForRecording()
 {
     int state = -1;
-    while (state != kStateComplete && m_nDone == 0 && g_nRecorderAbort == 0) {
+    while (state != kStateComplete && m_nDone == 0 && m_nAbort == 0) {
         std::string value;
         {
             std::lock_guard lock(m_csCom);
@@ -279,18 +276,18 @@ int CRecorder::WaitForRecording()
         }
         unsigned long sr = std::strtoul(value.c_str(), nullptr, 10);
         state = static_cast<int>(sr >> kSrStateShift & kSrStateMask);
-        if (state == kStateWaiting && g_nRecorderTriggerSeen == 0) {
+        if (state == kStateWaiting && !m_bTriggerSeen) {
             Post(m_pScopeWnd, kMsgRecWaitTrigger);
-            g_nRecorderTriggerSeen = 1;
-        } else if (state == kStateRecording && g_nRecorderTriggerSeen != 0) {
+            m_bTriggerSeen = true;
+        } else if (state == kStateRecording && m_bTriggerSeen) {
             Post(m_pScopeWnd, kMsgRecProgress);
-            g_nRecorderTriggerSeen = 0;
+            m_bTriggerSeen = false;
         } else if (state == kStateIdle && sr != 0) {
             // Idle with a live status word: the recorder was stopped or never started.
             ShowError(kNotReadyText);
             return 0;
         }
-        if (g_nRecorderAbort != 0)
+        if (m_nAbort != 0)
             return 0;
         if (state != kStateComplete)
             std::this_thread::sleep_for(m_PollInterval);
@@ -303,7 +300,7 @@ int CRecorder::Upload()
     Post(m_pFrameWnd, kMsgRecUpload);
     const auto length = static_cast<std::int32_t>(std::strtol(m_Settings.sLength.c_str(), nullptr, 10));
     for (const CRecordSettings::Display& display : m_Settings.arDisplays) {
-        if (g_nRecorderAbort != 0)
+        if (m_nAbort != 0)
             return 0;
         std::uint32_t mask = SlotMask(display.sSignal);
         if (mask == 0 || !display.pStore)
@@ -313,9 +310,9 @@ int CRecorder::Upload()
             std::lock_guard lock(m_csCom);
             if (!m_pCom)
                 throw CCommunication::CExceptionComm(3, nullptr, kErrSrcSetup);
-            result = m_pCom->UploadRecordedData(length, mask, *display.pStore, m_pScopeWnd, &g_nRecorderAbort);
+            result = m_pCom->UploadRecordedData(length, mask, *display.pStore, m_pScopeWnd, &m_nAbort);
         }
-        if (g_nRecorderAbort != 0)
+        if (m_nAbort != 0)
             return 0;
         if (result != 0) {
             Trace::Printf("The return of ReadVecRecord is %d\n", result);

@@ -41,13 +41,6 @@ constexpr unsigned kMsgRecStartFailed = 0x403; ///< a start command failed: wPar
 constexpr unsigned kMsgRecUpload = 0x409;   ///< the upload begins
 constexpr unsigned kMsgRecFinished = 0x46e; ///< the recording is uploaded and is being saved
 
-/// Set to 1 to stop every recorder at its next check (the front end sets
-/// it, as does a trigger set-up that refuses its levels); cleared by the
-/// front end before a new recording.
-extern std::atomic<std::int32_t> g_nRecorderAbort;
-/// 1 while the drive was last seen waiting for its trigger.
-extern std::atomic<std::int32_t> g_nRecorderTriggerSeen;
-
 class CRecorder : public CCommunication::CListenerComm {
 public:
     /// One row of the trigger list shown to the user.
@@ -166,6 +159,11 @@ public:
     /// the phase's own message says it all.
     const std::string& LastError() const { return m_sLastError; }
 
+    /// Set to 1 (from any thread) to stop this recorder at its next check;
+    /// a trigger set-up that refuses its levels sets it too. The front end
+    /// clears it before a new recording. Other recorders are not affected.
+    std::atomic<std::int32_t>& AbortFlag() { return m_nAbort; }
+
     /// Tests poll faster than a drive needs.
     void SetPollInterval(std::chrono::milliseconds interval) { m_PollInterval = interval; }
 
@@ -185,7 +183,7 @@ protected:
     std::string Send(const std::string& command);
     /// Sends "RP[2]=" and the pre-trigger text less its final character.
     void SendPreTrigger();
-    /// With equal levels: shows the refusal, sets g_nRecorderAbort, true.
+    /// With equal levels: shows the refusal, sets the abort flag, true.
     bool RefuseEqualLevels();
     void AddTriggerRow(const std::string& name, std::int32_t kind, std::int32_t value);
     /// Ends the worker; derived destructors call it before their parts go.
@@ -213,6 +211,8 @@ private:
     Window* m_pScopeWnd = nullptr;
     Window* m_pFrameWnd = nullptr;
     std::atomic<std::int32_t> m_nDone{0};
+    std::atomic<std::int32_t> m_nAbort{0};
+    bool m_bTriggerSeen = false; // the drive was last seen waiting for its trigger
     CRecordSettings m_Settings;
     std::string m_sTriggerName = "(No Trigger)";
     std::vector<std::unique_ptr<CVector>> m_arVectors;

@@ -4,7 +4,7 @@
 // again by the link.
 //
 //   CVector vector;
-//   link->UploadRecordedData(250, 0x1, vector, scopeWindow, &g_nRecorderAbort);
+//   link->UploadRecordedData(250, 0x1, vector, scopeWindow, &rec.AbortFlag());
 //   vector.Samples();   // 250 doubles, scaled as the drive said
 #pragma once
 

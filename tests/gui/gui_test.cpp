@@ -151,6 +151,35 @@ private slots:
         QCOMPARE(view->Trace(1)->data()->size(), 600);
     }
 
+    void StopInOneScopeLeavesTheOtherRecording()
+    {
+        CMainFrame frame;
+        frame.show();
+        std::vector<CScopeWindow*> scopes;
+        for (int i = 0; i < 2; ++i) {
+            CDriveSession* session = frame.OpenVirtualDrive();
+            QVERIFY(session);
+            scopes.push_back(qobject_cast<CScopeWindow*>(frame.ShowChild(session, CMainFrame::kScope)));
+            QTRY_VERIFY_WITH_TIMEOUT(scopes.back()->IsReady(), kWaitMs);
+            scopes.back()->SetAfterArming(""); // no move: the trigger never comes
+            scopes.back()->Start();
+        }
+        for (CScopeWindow* scope : scopes)
+            QTRY_COMPARE_WITH_TIMEOUT(scope->StateText(), QString("Waiting for trigger"), kWaitMs);
+
+        scopes[0]->Stop();
+
+        QTRY_VERIFY_WITH_TIMEOUT(!scopes[0]->IsRecording(), kWaitMs);
+        QCOMPARE(scopes[0]->StateText(), QString("Stopped: the recorder was stopped (RR=0)."));
+        // Long enough for the other recorder to poll a few times: a stop
+        // that reached it too would show by now.
+        QTest::qWait(static_cast<int>(3 * CRecorder::kPollInterval.count()));
+        QVERIFY(scopes[1]->IsRecording());
+        QCOMPARE(scopes[1]->StateText(), QString("Waiting for trigger"));
+        scopes[1]->Stop();
+        QTRY_VERIFY_WITH_TIMEOUT(!scopes[1]->IsRecording(), kWaitMs);
+    }
+
     void PlotRendersAScopeFileWithoutADisplay()
     {
         QTemporaryDir folder;

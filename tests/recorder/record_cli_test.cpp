@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "tests/recorder/mathelpers.h"
 #include "tests/recorder/scriptedrecorderdrive.h"
@@ -216,6 +217,15 @@ TEST_F(RecordCliTest, RefusalsAUserMustSee)
     EXPECT_EQ(r.sErr, "No recording within 0.5 s: the recorder was stopped (RR=0).\n");
     EXPECT_EQ(r.sOut, "");
     EXPECT_EQ(peer.Lines().back(), "RR=0\r") << "the recorder is left stopped";
+
+    // Ctrl-C while waiting for the trigger stops the recorder, not the program.
+    const int polls = peer.Count("SR\r");
+    CBackgroundProcess waiting({TessitorPath(), "record", "--serial", peer.Path(), "--wait", "600"},
+                               {"TESSITOR_CONFIG=" + (m_Dir / "tessitor.ini").string()});
+    for (int i = 0; i < 2000 && peer.Count("SR\r") < polls + 2; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(waiting.Stop(SIGINT), 1);
+    EXPECT_EQ(peer.Lines().back(), "RR=0\r");
 
     r = run({"--pretrigger", "25"});
     EXPECT_EQ(r.nStatus, 2);

@@ -31,14 +31,12 @@ class RecorderTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        g_nRecorderAbort = 0;
         m_Peer.SetHandler([this](const std::string& line) { return m_Drive.Answer(line); });
         m_pLink = std::make_unique<CRs232>(CCommunicationInfo{});
         m_pLink->SetDevicePath(m_Peer.Path());
         ASSERT_EQ(m_pLink->Connect(), 0);
         m_pLink->SetProcessorType("DSP");
     }
-    void TearDown() override { g_nRecorderAbort = 0; }
 
     std::unique_ptr<CRecorder> Make(const std::string& family)
     {
@@ -169,7 +167,7 @@ TEST_F(RecorderTest, TalvinaTriggerSetUpsCommandByCommand)
     s.nLevelMode = kLevelWindow;
     s.dLevel2 = s.dLevel1;
     EXPECT_EQ(Start(*rec, 0), (Commands{"RR=0", "RC=3", "RP[3]=4", "RP[1]=1", "RP[2]=25"}));
-    EXPECT_EQ(g_nRecorderAbort.load(), 1);
+    EXPECT_EQ(rec->AbortFlag().load(), 1);
     EXPECT_EQ(m_Ui.arMessages, (Commands{"Scope Message: Please enter different value into High and Low Level "
                                          "windows and start again"}));
 }
@@ -220,7 +218,7 @@ TEST_F(RecorderTest, BreNolTriggerSetUpsCommandByCommand)
     s.nLevelMode = kLevelWindow;
     s.dLevel1 = s.dLevel2;
     EXPECT_EQ(Start(*rec, 0), (Commands{"RR=0", "RC=3", "RP[1]=1", "RP[2]=0", "RP[3]=4"}));
-    EXPECT_EQ(g_nRecorderAbort.load(), 1);
+    EXPECT_EQ(rec->AbortFlag().load(), 1);
     EXPECT_EQ(CRecBreNol::LevelHundredths(1.2345), 23);
     EXPECT_EQ(CRecBreNol::LevelHundredths(7.0), 0);
 }
@@ -312,12 +310,12 @@ TEST_F(RecorderTest, FailuresShowTheSystemsTextsAndStopThePhase)
     rec->StartPhase(CRecorder::kPhaseWait);
     for (int i = 0; i < 2000 && m_Peer.Count("SR\r") < polls + 3; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    g_nRecorderAbort = 1;
+    rec->AbortFlag() = 1;
     EXPECT_EQ(rec->WaitPhase(), 0);
     std::size_t sent = m_Peer.Lines().size();
     EXPECT_EQ(rec->RunPhase(CRecorder::kPhaseUpload), 0);
     EXPECT_EQ(m_Peer.Lines().size(), sent) << "an aborted upload sends nothing";
-    g_nRecorderAbort = 0;
+    rec->AbortFlag() = 0;
 
     // A link failure inside a phase, and a file that cannot be written.
     m_Drive.Refuse("SR", 7);

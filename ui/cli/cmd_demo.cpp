@@ -42,7 +42,7 @@ void RecordMove(CCommunication& link, const std::string& path)
     rec->Settings().sGap = "3";
     rec->Settings().sLength = "800";
     rec->SetScopeFile(path);
-    g_nRecorderAbort = 0;
+    rec->AbortFlag() = 0;
     rec->StartPhase(CRecorder::kPhaseClear);
     if (!rec->WaitPhase())
         throw Failure("tessitor: " + rec->LastError());
@@ -52,7 +52,7 @@ void RecordMove(CCommunication& link, const std::string& path)
     rec->StartPhase(CRecorder::kPhaseWait);
     while (!rec->IsDone()) {
         if (std::chrono::steady_clock::now() >= deadline) {
-            g_nRecorderAbort = 1;
+            rec->AbortFlag() = 1;
             rec->WaitPhase();
             throw Failure("tessitor: the move did not trigger the recorder within 10 s");
         }

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <limits>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 #include "core/strformat.h"
@@ -218,9 +219,12 @@ int Record(CCliContext& context, const RecordOptions& options)
     }
     CRecordProgress progress(chunks);
     rec->SetWindows(&progress, &progress);
-    g_nRecorderAbort = 0;
-    // Ctrl-C stops the recorder at its next check instead of leaving it armed.
-    CSignalThread::CStopRequest stopOnSignal([] { g_nRecorderAbort = 1; });
+    std::atomic<std::int32_t>& stop = rec->AbortFlag();
+    stop = 0;
+    // Ctrl-C stops the recorder at its next check instead of leaving it
+    // armed; the request ends before the recorder does.
+    std::optional<CSignalThread::CStopRequest> stopOnSignal;
+    stopOnSignal.emplace([&stop] { stop = 1; });
 
     rec->StartPhase(CRecorder::kPhaseClear);
     if (!rec->WaitPhase())
@@ -236,9 +240,9 @@ int Record(CCliContext& context, const RecordOptions& options)
 
     rec->StartPhase(CRecorder::kPhaseWait);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(options.dWait);
-    while (!rec->IsDone() && g_nRecorderAbort == 0) {
+    while (!rec->IsDone() && stop == 0) {
         if (std::chrono::steady_clock::now() >= deadline) {
-            g_nRecorderAbort = 1;
+            stop = 1;
             rec->WaitPhase();
             progress.Show("");
             StopDriveRecorder(link);
@@ -250,9 +254,9 @@ int Record(CCliContext& context, const RecordOptions& options)
     for (int phase = CRecorder::kPhaseWait; phase <= CRecorder::kPhaseFinish; ++phase) {
         if (phase != CRecorder::kPhaseWait)
             rec->StartPhase(phase);
-        if (!rec->WaitPhase() || g_nRecorderAbort != 0) {
+        if (!rec->WaitPhase() || stop != 0) {
             progress.Show("");
-            if (g_nRecorderAbort != 0) {
+            if (stop != 0) {
                 StopDriveRecorder(link);
                 std::fprintf(stderr, "Recording interrupted: the recorder was stopped (RR=0).\n");
                 return 1;
@@ -267,6 +271,7 @@ int Record(CCliContext& context, const RecordOptions& options)
         std::fprintf(stderr, "The CSV file cannot be written: %s\n", file.Error().c_str());
         return 1;
     }
+    stopOnSignal.reset();
     rec.reset();
     context.Disconnect();
     std::printf("%s: %zu samples\n", options.sOut.c_str(), file.Rows());

@@ -170,8 +170,8 @@ CScopeWindow::CScopeWindow(CDriveSession* session, QWidget* parent) : QWidget(pa
 
 CScopeWindow::~CScopeWindow()
 {
-    if (m_nPhase != 0)
-        g_nRecorderAbort = 1;
+    if (m_pRecorder)
+        m_pRecorder->AbortFlag() = 1;
     m_PhaseTimer.stop();
     m_pRecorder.reset(); // ends its worker before the window it posts to goes
 }
@@ -254,7 +254,7 @@ void CScopeWindow::Start()
     m_pState->setText("Arming the recorder...");
     m_pProgress->setRange(0, 1);
     m_pProgress->setValue(0);
-    g_nRecorderAbort = 0;
+    m_bStopAsked = false;
 
     QPointer<CScopeWindow> self(this);
     CQtWindow* window = m_pWindow;
@@ -291,7 +291,7 @@ void CScopeWindow::Armed(const std::shared_ptr<CRecorder>& rec)
         Finish(false, "This drive has no recorder.");
         return;
     }
-    if (m_nPhase != -1 || g_nRecorderAbort != 0) {
+    if (m_nPhase != -1 || m_bStopAsked) {
         Finish(false, "Stopped");
         return;
     }
@@ -305,9 +305,12 @@ void CScopeWindow::Stop()
 {
     if (m_nPhase == 0)
         return;
-    // The recorder looks at this at its next check; a phase that waits
-    // for the trigger ends within one poll.
-    g_nRecorderAbort = 1;
+    // The recorder looks at its flag at its next check; a phase that waits
+    // for the trigger ends within one poll. One still being made on the
+    // drive's worker is not started.
+    m_bStopAsked = true;
+    if (m_pRecorder)
+        m_pRecorder->AbortFlag() = 1;
     m_pState->setText("Stopping...");
 }
 
@@ -316,7 +319,7 @@ void CScopeWindow::CheckPhase()
     if (!m_pRecorder || !m_pRecorder->IsDone())
         return;
     int result = m_pRecorder->WaitPhase();
-    if (g_nRecorderAbort != 0) {
+    if (m_pRecorder->AbortFlag() != 0) {
         // Leave the drive's recorder stopped, as it was before.
         m_pSession->Post([](CCommunication& link) {
             std::string value;
@@ -354,14 +357,15 @@ void CScopeWindow::SendAfterArming()
     if (commands.isEmpty())
         return;
     QPointer<CScopeWindow> self(this);
-    m_pSession->Post([self, commands](CCommunication& link) {
+    std::shared_ptr<CRecorder> rec = m_pRecorder;
+    m_pSession->Post([self, rec, commands](CCommunication& link) {
         for (const QString& command : commands) {
             std::string value;
             try {
                 link.SendCommandGetValue(command.trimmed().toStdString(), value, CDriveSession::kCommandTimeoutMs);
             } catch (CCommunication::CExceptionComm& e) {
                 // The motion did not start: the recording would wait for ever.
-                g_nRecorderAbort = 1;
+                rec->AbortFlag() = 1;
                 QString why = QString::fromStdString(e.FillMessage());
                 QMetaObject::invokeMethod(self, [self, why] { self->m_pState->setText(why); }, Qt::QueuedConnection);
                 throw;

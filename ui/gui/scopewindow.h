@@ -90,6 +90,7 @@ private:
     int m_nChunks = 0;
     bool m_bUploading = false;
     bool m_bReady = false;
+    bool m_bStopAsked = false; // Stop came before the recorder was made
     QTimer m_PhaseTimer;
     QString m_sScopeFile = CRecorder::kDefaultScopeFile;
 
