@@ -1,6 +1,7 @@
 #include "communication/lastconnection.h"
 
 #include <cstring>
+#include <filesystem>
 
 #include "communication/serialportmap.h"
 #include "communication/tcp.h"
@@ -15,6 +16,15 @@ bool IsNetwork(const CCommunicationInfo& info)
     return info.GetKind() == kKindTcp || info.GetKind() == kKindTcpKmas;
 }
 
+// A path whose device comes and goes with one program (a pseudo-terminal,
+// a link some tool made outside /dev).
+bool IsOneOffPath(const std::string& path)
+{
+    std::string normal = std::filesystem::path(path).lexically_normal().string();
+    return normal.rfind("/dev/", 0) != 0 || normal.rfind("/dev/pts/", 0) == 0 || normal == "/dev/ptmx"
+           || normal == "/dev/tty";
+}
+
 } // namespace
 
 std::string ConnectFaultText(const CCommunication& link, int error)
@@ -25,13 +35,27 @@ std::string ConnectFaultText(const CCommunication& link, int error)
     return "Create Communication Device Fault. " + why;
 }
 
+CSerialPortName NameSerialPort(const std::string& path, const Settings& settings)
+{
+    // Whether mapping the path changes the map tells a known path from a new one.
+    Settings probe = settings;
+    CSerialPortName name;
+    name.nPort = SerialPortNumberFor(path, probe);
+    const std::string key = "COM" + std::to_string(name.nPort);
+    const bool bKnown = probe.Get(kSerialPortsSection, key) == settings.Get(kSerialPortsSection, key);
+    name.bRememberable = bKnown || !IsOneOffPath(path);
+    return name;
+}
+
 bool SaveLastConnection(const CCommunicationInfo& info, const LinkOptions& options, std::string& error)
 {
     // Read again now: another program may have changed the file meanwhile.
     Settings settings = Settings::User();
-    // A pseudo-terminal lives as long as one program: it gets no port number.
-    if (!options.sSerialPath.empty() && options.sSerialPath.rfind("/dev/pts/", 0) != 0)
+    if (!options.sSerialPath.empty()) {
+        if (!NameSerialPort(options.sSerialPath, settings).bRememberable)
+            return true;
         SerialPortNumberFor(options.sSerialPath, settings);
+    }
     if (IsNetwork(info)) {
         if (options.sTcpHost.empty())
             settings.Remove(kLastConnectSection, kLastConnectHostKey);
@@ -56,8 +80,8 @@ std::optional<CLastConnection> LoadLastConnection(std::string& error)
     if (!line || line->empty())
         return std::nullopt;
     CLastConnection last;
-    if (!last.info.FromLine(*line)) {
-        error = "the last connection in " + settings.Path() + " is malformed: '" + *line + "'";
+    if (std::string why; !last.info.FromLine(*line, &why)) {
+        error = "the last connection in " + settings.Path() + " is malformed ('" + *line + "'): " + why;
         return std::nullopt;
     }
     if (IsNetwork(last.info)) {

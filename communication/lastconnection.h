@@ -12,6 +12,8 @@
 
 namespace tessitor {
 
+class Settings;
+
 /// The settings section and keys of the last connection that succeeded.
 inline constexpr char kLastConnectSection[] = "CommunicationInfo";
 inline constexpr char kLastConnectKey[] = "Last Success Connect";
@@ -29,12 +31,25 @@ struct CLastConnection {
     LinkOptions options;
 };
 
-/// Stores info as the last connection (with options' TCP host and port,
-/// and a serial path's port number); false with error filled when the settings file cannot be written.
+/// The port number a descriptor gives serial path.
+struct CSerialPortName {
+    int nPort = 0;             ///< its number in the port map, or the one a save would map it to
+    bool bRememberable = true; ///< a stored connection could reach the path again by that number
+};
+/// Names path by the port map of settings (left unchanged). A path the map
+/// does not know yet is rememberable only when it is a lasting device under
+/// /dev: a pseudo-terminal or a link elsewhere comes and goes with one
+/// program, and its number would name another device later.
+CSerialPortName NameSerialPort(const std::string& path, const Settings& settings);
+
+/// Stores info as the last connection, with options' TCP host and port,
+/// and maps a new serial path to its port number. A serial path that is
+/// not rememberable (NameSerialPort) is not stored. False with error
+/// filled when the settings file cannot be written.
 bool SaveLastConnection(const CCommunicationInfo& info, const LinkOptions& options, std::string& error);
 
 /// The last connection that succeeded; nothing when none is stored (error
-/// left empty) or the stored line is malformed (error says so).
+/// left empty) or the stored line is malformed (error says where and why).
 std::optional<CLastConnection> LoadLastConnection(std::string& error);
 
 } // namespace tessitor

@@ -16,7 +16,7 @@ std::string Key(int nPort)
 
 std::string SerialPortPath(int nPort, const Settings& settings)
 {
-    if (auto mapped = settings.Get("SerialPorts", Key(nPort)); mapped && !mapped->empty())
+    if (auto mapped = settings.Get(kSerialPortsSection, Key(nPort)); mapped && !mapped->empty())
         return *mapped;
     return "/dev/ttyS" + std::to_string(nPort - 1);
 }
@@ -24,17 +24,17 @@ std::string SerialPortPath(int nPort, const Settings& settings)
 int SerialPortNumberFor(const std::string& path, Settings& settings)
 {
     for (int n = 1; n <= kHighestPort; ++n)
-        if (settings.GetString("SerialPorts", Key(n)) == path)
+        if (settings.GetString(kSerialPortsSection, Key(n)) == path)
             return n;
     for (int n = 1; n <= kHighestPort; ++n)
-        if (!settings.Get("SerialPorts", Key(n)) && path == "/dev/ttyS" + std::to_string(n - 1))
+        if (!settings.Get(kSerialPortsSection, Key(n)) && path == "/dev/ttyS" + std::to_string(n - 1))
             return n;
     for (int n = 1; n <= kHighestPort; ++n)
-        if (!settings.Get("SerialPorts", Key(n))) {
-            settings.Set("SerialPorts", Key(n), path);
+        if (!settings.Get(kSerialPortsSection, Key(n))) {
+            settings.Set(kSerialPortsSection, Key(n), path);
             return n;
         }
-    settings.Set("SerialPorts", Key(kHighestPort), path);
+    settings.Set(kSerialPortsSection, Key(kHighestPort), path);
     return kHighestPort;
 }
 

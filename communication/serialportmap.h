@@ -9,6 +9,9 @@ namespace tessitor {
 
 class Settings;
 
+/// The settings section of the port map.
+inline constexpr char kSerialPortsSection[] = "SerialPorts";
+
 /// The device path of port number nPort.
 std::string SerialPortPath(int nPort, const Settings& settings);
 /// The port number that names path: its mapping, the /dev/ttyS<n-1> it is,

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <unistd.h>
 
+#include "communication/lastconnection.h"
 #include "communication/linkfactory.h"
 #include "core/strformat.h"
 #include "core/trace.h"
@@ -123,12 +124,9 @@ CCommunication& CCliContext::Connect(bool bIdentify)
             m_pLink->Disconnect();
     });
     if (int error = m_pLink->Connect()) {
-        // The link's own words name the device; a serial port's errno does not.
-        std::string why = m_pLink->GetConnectError();
-        if (why.empty())
-            why = m_pLink->DeviceName() + ": " + std::strerror(error);
+        std::string why = ConnectFaultText(*m_pLink, error);
         Disconnect();
-        throw Failure("Create Communication Device Fault. " + CutMiddle(why, kMaxQuotedBytes * 3));
+        throw Failure(CutMiddle(why, kMaxQuotedBytes * 3));
     }
     if (!bIdentify) {
         CConnectionOptions::Remember(r);

@@ -3,13 +3,12 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cstdio>
-#include <filesystem>
 #include <netdb.h>
 #include <span>
 #include <sys/socket.h>
 
+#include "communication/lastconnection.h"
 #include "communication/netprotocol.h"
-#include "communication/serialportmap.h"
 #include "communication/tcp.h"
 #include "core/settings.h"
 #include "core/strformat.h"
@@ -18,14 +17,6 @@
 
 namespace tessitor::cli {
 namespace {
-
-constexpr char kSettingsSection[] = "CommunicationInfo";
-constexpr char kSettingsKey[] = "Last Success Connect";
-// The one-line form has neither a host name, an IPv6 address nor a port:
-// they are kept beside it so that --last reaches the same device.
-constexpr char kSettingsHostKey[] = "Last Success Host";
-constexpr char kSettingsPortKey[] = "Last Success Port";
-constexpr char kSerialPortsSection[] = "SerialPorts";
 
 // Options that mean something only beside certain kinds.
 struct CompanionOption {
@@ -44,16 +35,6 @@ const std::vector<CompanionOption>& Companions()
         {"--trace-frames", {"--can"}},
     };
     return companions;
-}
-
-// A path whose device comes and goes with one program (a pseudo-terminal,
-// a link some tool made outside /dev): it gets a port number for the
-// one-line form, but no entry in the port map.
-bool IsOneOffPath(const std::string& path)
-{
-    std::string normal = std::filesystem::path(path).lexically_normal().string();
-    return normal.rfind("/dev/", 0) != 0 || normal.rfind("/dev/pts/", 0) == 0 || normal == "/dev/ptmx"
-           || normal == "/dev/tty";
 }
 
 std::array<std::uint8_t, 4> ResolveHost(const std::string& host)
@@ -257,15 +238,7 @@ ResolvedConnection CConnectionOptions::ResolveSerial(Settings& settings)
     r.info.m_sCommType = "RS_232";
     r.info.wBaudRate = m_nBaud;
     r.options.sSerialPath = m_sSerialPath;
-    // The number the port map gives the path, or would give it; whether the
-    // map changed tells a known path from a new one.
-    Settings probe = settings;
-    int port = SerialPortNumberFor(m_sSerialPath, probe);
-    const std::string key = "COM" + std::to_string(port);
-    const bool known = probe.Get(kSerialPortsSection, key) == settings.Get(kSerialPortsSection, key);
-    r.info.nPort = static_cast<std::uint8_t>(port);
-    r.bMapSerialPath = !known && !IsOneOffPath(m_sSerialPath);
-    r.bRememberable = known || r.bMapSerialPath;
+    r.info.nPort = static_cast<std::uint8_t>(NameSerialPort(m_sSerialPath, settings).nPort);
     return r;
 }
 
@@ -285,22 +258,18 @@ ResolvedConnection CConnectionOptions::ResolveConnLine(Settings&)
     return r;
 }
 
-ResolvedConnection CConnectionOptions::ResolveLast(Settings& settings)
+ResolvedConnection CConnectionOptions::ResolveLast(Settings&)
 {
-    ResolvedConnection r;
-    auto line = settings.Get(kSettingsSection, kSettingsKey);
-    if (!line || line->empty())
+    std::string error;
+    std::optional<CLastConnection> last = LoadLastConnection(error);
+    if (!error.empty())
+        throw Failure("tessitor: " + ForMessage(error, kMaxMessageBytes));
+    if (!last)
         throw UsageError("no connection is remembered yet, so --last has nothing to use (a pseudo-terminal, a path "
                          "outside /dev and --sim are never remembered)");
-    if (std::string why; !r.info.FromLine(*line, &why))
-        throw Failure("tessitor: the last connection in " + settings.Path() + " is malformed ('" + CutMiddle(*line)
-                      + "'): " + why);
-    if (r.info.GetKind() == kKindTcp || r.info.GetKind() == kKindTcpKmas) {
-        r.options.sTcpHost = settings.GetString(kSettingsSection, kSettingsHostKey);
-        int port = settings.GetInt(kSettingsSection, kSettingsPortKey, 0);
-        if (port > 0 && port <= 65535)
-            r.options.wTcpPort = static_cast<std::uint16_t>(port);
-    }
+    ResolvedConnection r;
+    r.info = last->info;
+    r.options = last->options;
     return r;
 }
 
@@ -339,25 +308,9 @@ ResolvedConnection CConnectionOptions::ResolveSim(Settings&)
 
 void CConnectionOptions::Remember(const ResolvedConnection& r)
 {
-    if (!r.bRememberable)
-        return;
-    // Read again now: another run may have changed the file meanwhile.
-    Settings settings = Settings::User();
-    if (r.bMapSerialPath)
-        SerialPortNumberFor(r.options.sSerialPath, settings);
-    if (r.info.GetKind() == kKindTcp || r.info.GetKind() == kKindTcpKmas) {
-        if (r.options.sTcpHost.empty())
-            settings.Remove(kSettingsSection, kSettingsHostKey);
-        else
-            settings.Set(kSettingsSection, kSettingsHostKey, r.options.sTcpHost);
-        settings.Set(kSettingsSection, kSettingsPortKey, std::to_string(ResolveTcpPort(r.options.wTcpPort)));
-    } else {
-        settings.Remove(kSettingsSection, kSettingsHostKey);
-        settings.Remove(kSettingsSection, kSettingsPortKey);
-    }
-    settings.Set(kSettingsSection, kSettingsKey, r.info.ToLine());
-    if (!settings.Save())
-        std::fprintf(stderr, "tessitor: %s\n", ForMessage(settings.SaveError(), kMaxMessageBytes).c_str());
+    std::string error;
+    if (r.bRememberable && !SaveLastConnection(r.info, r.options, error))
+        std::fprintf(stderr, "tessitor: %s\n", ForMessage(error, kMaxMessageBytes).c_str());
 }
 
 } // namespace tessitor::cli

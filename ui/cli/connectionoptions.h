@@ -23,8 +23,7 @@ namespace tessitor::cli {
 struct ResolvedConnection {
     CCommunicationInfo info;
     LinkOptions options;
-    bool bRememberable = true;     ///< --last could reach it again
-    bool bMapSerialPath = false;   ///< the serial path gets a number in the port map
+    bool bRememberable = true; ///< false for a virtual drive, which --last cannot reach again
 };
 
 class CConnectionOptions {
@@ -42,9 +41,9 @@ public:
     /// does not go with it, Failure when a host name cannot be resolved or
     /// the settings cannot be read.
     ResolvedConnection Resolve();
-    /// Stores r as the last connection that succeeded (and its serial path
-    /// in the port map), unless --last could not reach it again; a settings
-    /// file that cannot be written is reported on stderr.
+    /// Stores r as the last connection that succeeded (SaveLastConnection),
+    /// unless --last could not reach it again; a settings file that cannot
+    /// be written is reported on stderr.
     static void Remember(const ResolvedConnection& r);
     /// The descriptor of a one-line form as written or as a $'...' word;
     /// throws UsageError saying what is wrong with a malformed one.

@@ -19,7 +19,6 @@
 #include "communication/netdevice.h"
 #include "communication/netprotocol.h"
 #include "communication/producttable.h"
-#include "communication/serialportmap.h"
 #include "core/settings.h"
 
 namespace tessitor::gui {
@@ -199,9 +198,8 @@ void CConnectDialog::AcceptPage()
             Fail("The baud rate must be a positive number.");
             return;
         }
-        Settings settings = Settings::User();
         info.m_sCommType = "RS_232";
-        info.nPort = static_cast<std::uint8_t>(SerialPortNumberFor(path, settings));
+        info.nPort = static_cast<std::uint8_t>(NameSerialPort(path, Settings::User()).nPort);
         info.wBaudRate = baud;
         info.bParity = static_cast<std::uint8_t>(m_pParity->currentIndex());
         info.bByteSize = static_cast<std::uint8_t>(m_pByteSize->currentText().toUInt());
