@@ -197,6 +197,10 @@ void CCanAdapter::Notify(const CanFrame& frame, bool bSent)
 
 void CCanAdapter::Deliver(const std::vector<CanFrame>& frames)
 {
+    // Monitors first: a waiter woken below sends its next request at once,
+    // and a trace must show the answer before it.
+    for (const CanFrame& frame : frames)
+        Notify(frame, false);
     {
         std::lock_guard lock(m_csState);
         for (const CanFrame& frame : frames) {
@@ -211,8 +215,6 @@ void CCanAdapter::Deliver(const std::vector<CanFrame>& frames)
         }
     }
     m_evFrame.notify_all();
-    for (const CanFrame& frame : frames)
-        Notify(frame, false);
 }
 
 int CCanAdapter::WaitReadable(int fd, int wakeFd)
