@@ -106,7 +106,7 @@ TEST_F(CanSim, DumpTraceAndLastShowAndReachTheBus)
     EXPECT_EQ(dump.Stop(SIGINT), 0);
 
     ProcessResult traced = Run(Can(path, 5, {"--trace-frames", "sdo", "upload", "0x1008", "0"}));
-    ProcessResult last = Run({"--last", "sdo", "upload", "0x1008", "0"});
+    ProcessResult last = Run({"--last", "--trace-frames", "sdo", "upload", "0x1008", "0"});
     ProcessResult bad = Run(Can(path, 5, {"sdo", "upload", "0x10000", "0"}));
     ProcessResult odd = Run(Can(path, 5, {"sdo", "upload", "0x1008"}));
 
@@ -114,6 +114,7 @@ TEST_F(CanSim, DumpTraceAndLastShowAndReachTheBus)
     EXPECT_NE(traced.sErr.find(") RX 585#4"), std::string::npos) << traced.sErr;
     EXPECT_EQ(traced.sOut, "Talvina\n");
     EXPECT_EQ(last.sOut, "Talvina\n") << "--last names the CAN connection again: " << last.sErr;
+    EXPECT_NE(last.sErr.find(") TX 605#4008100000000000\n"), std::string::npos) << last.sErr;
     EXPECT_EQ(bad.nStatus, 2);
     EXPECT_EQ(odd.nStatus, 2);
 }

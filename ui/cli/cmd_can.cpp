@@ -59,7 +59,7 @@ void CConnectionOptions::AddCanOptionsTo(CLI::App& app, const char* group)
         ->default_val(kDefaultBitrateKbit)
         ->type_name("KBIT")
         ->group(group);
-    app.add_flag("--trace-frames", m_bTraceFrames, "Print every CAN frame sent (TX) and received (RX) on stderr")
+    app.add_flag("--trace-frames", m_bTraceFrames, "Print every CAN frame sent (TX) and received (RX) on stderr (a CAN link: --can, or --conn/--last of one)")
         ->group(group);
 }
 
@@ -81,9 +81,11 @@ void CConnectionOptions::ResolveCan(CCommunicationInfo& info)
 
 void CConnectionOptions::PrepareCanLink(CCommunication& link)
 {
-    auto* can = dynamic_cast<CCan*>(&link);
-    if (!can || !m_bTraceFrames)
+    if (!m_bTraceFrames)
         return;
+    auto* can = dynamic_cast<CCan*>(&link);
+    if (!can)
+        throw UsageError("--trace-frames needs a CAN connection; this one is " + link.GetInfo().m_sCommType);
     auto lock = std::make_shared<std::mutex>();
     can->SetFrameMonitor([lock](const CanFrame& frame, bool bSent) {
         std::lock_guard guard(*lock);

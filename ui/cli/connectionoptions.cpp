@@ -32,7 +32,7 @@ const std::vector<CompanionOption>& Companions()
         {"--product", {"--sim"}},
         {"--node", {"--can"}},
         {"--bitrate", {"--can"}},
-        {"--trace-frames", {"--can"}},
+        {"--trace-frames", {"--can", "--conn", "--last"}},
     };
     return companions;
 }
