@@ -266,7 +266,8 @@ void CCan::Identify()
     CCommunication::Identify();
 }
 
-void CCan::UploadRecord(std::uint32_t mask, std::string& data, Window* progress)
+void CCan::UploadRecord(std::uint32_t mask, std::string& data, Window* progress,
+                        const std::atomic<std::int32_t>* pCancel)
 {
     std::string reply;
     SendCommand("RP[8]=0", reply, kRecordSetupTimeoutMs, 0);
@@ -276,7 +277,7 @@ void CCan::UploadRecord(std::uint32_t mask, std::string& data, Window* progress)
     std::lock_guard lock(TransactionLock());
     m_sWaitingFor = command;
     SDO_UpLoadRecord(SdoRequestCobId(), transfer.wIndex, transfer.bSubIndex, command, data, kRecordUploadTimeoutMs,
-                     progress);
+                     progress, pCancel);
 }
 
 void CCan::CheckConnected()
@@ -377,6 +378,12 @@ sdo::Frame CCan::UploadSegment(std::uint16_t cobId, int toggle, std::uint32_t ti
         LogAt(abortLog);
         SDO_Abort(frame.data() + 4);
     }
+    // A server's late answer to an earlier request (one a previous program
+    // gave up on) can arrive here; taken as a segment it would pass for data.
+    if (sdo::Specifier(frame[0]) != sdo::kScsUploadSegment) {
+        LogAt("Not a segment in the segmented part of SDO upload \n");
+        throw CExceptionComm(COM_BAD_DATA, this, kErrSrcCan);
+    }
     return frame;
 }
 
@@ -413,7 +420,8 @@ void CCan::SDO_UpLoadSegments(std::uint16_t cobId, std::string& text, std::uint3
 }
 
 void CCan::SDO_UpLoadRecord(std::uint16_t cobId, std::uint16_t index, std::uint8_t sub, const std::string& command,
-                            std::string& record, std::uint32_t timeoutMs, Window* progress)
+                            std::string& record, std::uint32_t timeoutMs, Window* progress,
+                            const std::atomic<std::int32_t>* pCancel)
 {
     record.clear();
     Trace::Printf("SDO_UpLoadRecord : %s from 0x%04X sub-index %d\n", command.c_str(), index, sub);
@@ -427,10 +435,11 @@ void CCan::SDO_UpLoadRecord(std::uint16_t cobId, std::uint16_t index, std::uint8
         throw CExceptionComm(-1, this, kErrSrcCan,
                              "Error:\nThe response contains transfer type expedited in SDO segmented upload.");
     }
-    SDO_Rx_Array(cobId, record, timeoutMs, progress);
+    SDO_Rx_Array(cobId, record, timeoutMs, progress, pCancel);
 }
 
-void CCan::SDO_Rx_Array(std::uint16_t cobId, std::string& record, std::uint32_t timeoutMs, Window* progress)
+void CCan::SDO_Rx_Array(std::uint16_t cobId, std::string& record, std::uint32_t timeoutMs, Window* progress,
+                        const std::atomic<std::int32_t>* pCancel)
 {
     int toggle = 0;
     int segments = 0;
@@ -448,6 +457,12 @@ void CCan::SDO_Rx_Array(std::uint16_t cobId, std::string& record, std::uint32_t 
         toggle ^= 1;
         if (sdo::LastSegment(frame[0]))
             return;
+        // A recording takes seconds on a slow bus: a cancel is honoured
+        // between segments. The drive starts afresh at the next initiate.
+        if (pCancel && pCancel->load() == 1) {
+            Trace::Printf("SDO_Rx_Array : cancelled after %d segments\n", segments);
+            return;
+        }
     }
 }
 
@@ -543,7 +558,7 @@ int CCan::UploadRecordedData(std::int32_t /*length*/, std::uint32_t mask, CSampl
         if (send > 1)
             Trace::Printf("BH command was repeat %d times\n", send - 1);
         std::string record;
-        UploadRecord(mask, record, pProgress);
+        UploadRecord(mask, record, pProgress, pAbort);
         if (pAbort && pAbort->load() == 1)
             return 0;
         if (store.AppendChunk(record))

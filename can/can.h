@@ -68,8 +68,10 @@ public:
     bool IsMotorOn() const { return m_bMotorOn; }
     /// How "BH" travels: "RP[8]=0" and "RP[9]=0", then the record upload of
     /// 0x2030 with the sub-index of mask's lowest bit (5000 ms); data gets
-    /// the record as the drive answers "BH" on a serial line.
-    void UploadRecord(std::uint32_t mask, std::string& data, Window* progress);
+    /// the record as the drive answers "BH" on a serial line. pCancel (may
+    /// be null) reading 1 ends it early.
+    void UploadRecord(std::uint32_t mask, std::string& data, Window* progress,
+                      const std::atomic<std::int32_t>* pCancel = nullptr);
     /// The recording in one record upload (UploadRecord), handed to store
     /// as one chunk; asked again, up to kRecordChunkSends times, while it
     /// does not decode. pProgress gets kMsgRecProgress every
@@ -105,11 +107,15 @@ public:
     void SDO_UpLoadSegments(std::uint16_t cobId, std::string& text, std::uint32_t timeoutMs);
     /// Reads a recorded-data record (command is what asked for it, for the
     /// trace); it must come segmented. record gets the bytes of all segments.
+    /// pCancel (may be null) reading 1 stops it between two segments, record
+    /// then incomplete.
     void SDO_UpLoadRecord(std::uint16_t cobId, std::uint16_t index, std::uint8_t sub, const std::string& command,
-                          std::string& record, std::uint32_t timeoutMs, Window* progress);
+                          std::string& record, std::uint32_t timeoutMs, Window* progress,
+                          const std::atomic<std::int32_t>* pCancel = nullptr);
     /// The segment loop of a record upload: toggles checked, progress posted
-    /// every kRecordProgressSegments segments.
-    void SDO_Rx_Array(std::uint16_t cobId, std::string& record, std::uint32_t timeoutMs, Window* progress);
+    /// every kRecordProgressSegments segments, pCancel as above.
+    void SDO_Rx_Array(std::uint16_t cobId, std::string& record, std::uint32_t timeoutMs, Window* progress,
+                      const std::atomic<std::int32_t>* pCancel);
     /// Writes length bytes: expedited up to 4, else segmented with progress.
     void SDO_DownLoad(std::uint16_t cobId, std::uint16_t index, std::uint8_t sub, const std::uint8_t* data,
                       std::uint32_t length, std::uint32_t timeoutMs, Window* progress);

@@ -91,6 +91,13 @@ TEST(SdoClient, RecordUploadWantsSegmentsAndPostsProgressEveryTwentySegments)
     EXPECT_EQ(record, expected);
     CRecordingWindow::Message progress{kMsgRecProgress, 0, 0, true};
     EXPECT_EQ(window.m_arMessages, (std::vector{progress, progress}));
+
+    link.Answer(0x41, {0x30, 0x20, 0x01, 0, 0, 0, 0});
+    link.Answer(Segment(0, "first", false));
+    link.Answer(Segment(1, "second", true));
+    std::atomic<std::int32_t> cancel{1};
+    link.SDO_UpLoadRecord(0x605, 0x2030, 1, "BH=1", record, 1000, nullptr, &cancel);
+    EXPECT_EQ(record, "first") << "a cancel stops between segments";
 }
 
 TEST(SdoClient, DownloadLayoutsFromOneToFourteenBytes)
@@ -162,7 +169,7 @@ TEST(SdoClient, AbortsCarryTheirTextAndTheirErrorSource)
     EXPECT_EQ(link.m_arSent.size(), 2u);
 }
 
-TEST(SdoClient, MissingResponseIsATimeOutAndAnOddOneLeavesTheTextEmpty)
+TEST(SdoClient, MissingResponseIsATimeOutAndOddOnesAreNoData)
 {
     CScriptedCan link;
     std::string text = "stale";
@@ -173,4 +180,11 @@ TEST(SdoClient, MissingResponseIsATimeOutAndAnOddOneLeavesTheTextEmpty)
     link.Answer(0x60, {0x08, 0x10, 0x00}); // a download confirmation, not an upload response
     link.SDO_UpLoad(0x605, 0x1008, 0, text, 1000);
     EXPECT_EQ(text, "");
+
+    // An initiate response inside the segment loop (a late answer to an
+    // earlier request) is not data.
+    link.Answer(0x41, {0x0A, 0x10, 0x00, 15, 0, 0, 0});
+    link.Answer(0x41, {0x0A, 0x10, 0x00, 15, 0, 0, 0});
+    e = Caught([&] { link.SDO_UpLoad(0x605, 0x100A, 0, text, 1000); });
+    EXPECT_EQ(e.m_nErrorCode, COM_BAD_DATA);
 }
