@@ -69,7 +69,7 @@ std::vector<double> Samples(const std::vector<std::string>& chunks)
 
 TEST_F(CanSim, SdoCommandsReadWriteAndReportAbortsAndSilence)
 {
-    CBackgroundProcess bus({TessitorPath(), "sim", "--slcan", "--node", "5,6:Bressa", "--fault",
+    CBackgroundProcess bus({TessitorPath(), "sim", "--slcan", "--product", "Bressa", "--node", "5:Talvina,6", "--fault",
                             "abort:/0x1018:0x06040047"});
     const std::string path = bus.FirstLine();
     ASSERT_FALSE(path.empty());

@@ -6,17 +6,13 @@
 #include <chrono>
 #include <map>
 
-#include "communication/rs232.h"
-#include "sim/simserialserver.h"
 #include "sim/simslcanserver.h"
 #include "tests/sim/simtesthelpers.h"
-#include "tests/support/backgroundprocess.h"
 #include "tests/support/process.h"
 
 using namespace tessitor;
 using namespace tessitor::sim;
 using namespace tessitor::sim::test;
-using tessitor::test::CBackgroundProcess;
 
 namespace {
 
@@ -204,44 +200,6 @@ TEST_F(SimSlcanTest, PacedBusIsNeverFasterThanItsBitRate)
     for (int i = 0; i < 4; ++i)
         ASSERT_EQ(c.Ask("605#4000100000000000"), "585#4300100092010200");
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::microseconds(4 * 2 * 13500));
-}
-
-TEST_F(SimSlcanTest, SerialAndCanFacesServeOneDrive)
-{
-    CSimSerialServer serial(m_pBressa);
-    serial.Start();
-    auto c = Open();
-    CRs232 link{CCommunicationInfo{}};
-    link.SetDevicePath(serial.SlavePath());
-    ASSERT_EQ(link.Connect(), 0);
-    std::string value;
-
-    EXPECT_EQ(c->Ask("306#4B50020007000000"), "286#4B500200") << "KP[2]=7 over CAN";
-    link.SendCommandGetValue("KP[2]", value, 2000);
-    EXPECT_EQ(value, "7");
-    link.SendCommandGetValue("KP[3]=55", value, 2000);
-    EXPECT_EQ(c->Ask("306#4B500300"), "286#4B50038000005C42") << "55.0 as IEEE single";
-    link.Disconnect();
-}
-
-TEST(SimSlcanCliTest, ServesNodesWithFaultsFromTheCommandLine)
-{
-    CBackgroundProcess sim({tessitor::test::TessitorPath(), "sim", "--slcan", "--node", "5,6:Bressa", "--product",
-                            "Vosk", "--fault", "abort:/0x1008:0x06040047:once", "--fault", "busy:/SR"});
-    std::string path = sim.FirstLine();
-    ASSERT_EQ(path.rfind("/dev/pts/", 0), 0u) << path;
-    CSlcanClient c(path);
-
-    ASSERT_EQ(c.Command("O"), "\r");
-    EXPECT_EQ(c.Next(), "705#00");
-    EXPECT_EQ(c.Next(), "706#00");
-    EXPECT_EQ(c.Ask("605#4008100000000000"), "585#8008100047000406");
-    EXPECT_EQ(c.Ask("606#4008100000000000"), "586#8008100047000406") << "every node has the faults";
-    EXPECT_EQ(c.Ask("605#4008100000000000"), "585#43081000566F736B") << "\"Vosk\"";
-    EXPECT_EQ(c.Ask("606#2B23100153520000"), "586#6023100100000000");
-    EXPECT_EQ(c.Ask("606#4023100200000000"), "586#4F231002FF000000");
-
-    EXPECT_EQ(sim.Stop(SIGTERM), 0);
 }
 
 TEST(SimSlcanCliTest, WrongUsageExitsTwo)
