@@ -1,8 +1,6 @@
 // tessitor sdo upload|download: read and write a CAN node's object
 // dictionary directly through SDO transfers.
-#include <unistd.h>
-
-#include <cstdio>
+#include <algorithm>
 #include <cstdlib>
 
 #include "can/can.h"
@@ -101,7 +99,9 @@ void RegisterSdoCommand(CLI::App& app, CCliContext& context)
         ->required()
         ->type_name("INDEX SUB");
     upload->add_flag("--hex", options->bHex, "Print the bytes in hex instead of as text");
-    upload->footer("Examples:\n"
+    upload->footer("A value prints as the object holds it (on a terminal with its control bytes escaped);\n"
+                   "--hex suits objects that hold numbers.\n\n"
+                   "Examples:\n"
                    "  tessitor --can slcan:/dev/ttyACM0 --node 5 sdo upload 0x1008 0\n"
                    "  tessitor --can socketcan:can0 --node 5 sdo upload --hex 0x1000 0 0x1018 1");
 
@@ -127,10 +127,8 @@ void RegisterSdoCommand(CLI::App& app, CCliContext& context)
         for (auto [index, sub] : targets) {
             std::string data;
             can.SdoUpload(index, sub, data, context.m_Options.TimeoutMs());
-            std::string shown = options->bHex ? ToHex(data) : data;
-            std::fwrite(shown.data(), 1, shown.size(), stdout);
-            std::fputc('\n', stdout);
-            std::fflush(stdout);
+            // Text as the object holds it; on a terminal its control bytes are shown escaped.
+            PrintValue(options->bHex ? ToHex(data) : data);
         }
         context.Disconnect();
         return 0;
