@@ -62,13 +62,13 @@ int CSlcanAdapter::OpenDevice(std::uint8_t bitRateIndex, std::string& error)
     // one adapter would garble each other's lines.
     if (::flock(fd, LOCK_EX | LOCK_NB) != 0)
         return fail(errno == EWOULDBLOCK ? EBUSY : errno);
-    ::ioctl(fd, TIOCEXCL);
     termios tio{};
-    if (::tcgetattr(fd, &tio) != 0) {
+    if (::tcgetattr(fd, &tio) != 0 || SaveLineSettings(fd, m_SavedLine) != 0) {
         int result = errno;
         error = "not a serial device (" + std::string(std::strerror(result)) + ")";
         return fail(result);
     }
+    ::ioctl(fd, TIOCEXCL);
     ::cfmakeraw(&tio);
     tio.c_cflag |= CLOCAL | CREAD;
     tio.c_cc[VMIN] = 0;
@@ -76,8 +76,11 @@ int CSlcanAdapter::OpenDevice(std::uint8_t bitRateIndex, std::string& error)
     // USB adapters ignore the line speed; serial ones commonly run at 115200.
     ::cfsetispeed(&tio, B115200);
     ::cfsetospeed(&tio, B115200);
-    if (::tcsetattr(fd, TCSANOW, &tio) != 0)
-        return fail(errno);
+    if (::tcsetattr(fd, TCSANOW, &tio) != 0) {
+        int result = errno;
+        ::ioctl(fd, TIOCNXCL);
+        return fail(result);
+    }
     ::tcflush(fd, TCIOFLUSH);
     m_hDevice = fd;
     m_sPending.clear();
@@ -152,6 +155,11 @@ void CSlcanAdapter::CloseDevice()
         return;
     WriteAll(slcan::kCommandClose);
     ::tcdrain(m_hDevice);
+    // The device goes back as it was found, for the next program.
+    if (int error = RestoreLineSettings(m_hDevice, m_SavedLine))
+        Trace::Printf("CSlcanAdapter %s: cannot restore the line: %s\n", m_sPath.c_str(), std::strerror(error));
+    ::ioctl(m_hDevice, TIOCNXCL);
+    ::flock(m_hDevice, LOCK_UN);
     ::close(m_hDevice);
     m_hDevice = -1;
 }

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "can/canadapter.h"
+#include "communication/custombaud.h"
 
 namespace tessitor {
 
@@ -17,7 +18,7 @@ public:
     static constexpr int kAnswerWaitMs = 200;
 
     explicit CSlcanAdapter(std::string devicePath);
-    /// Closes the channel ("C") and the device.
+    /// Closes the channel ("C") and gives the device back as it was found.
     ~CSlcanAdapter() override;
 
     const std::string& DevicePath() const { return m_sPath; }
@@ -35,6 +36,7 @@ private:
     const std::string m_sPath;
     int m_hDevice = -1;
     std::string m_sPending; // received bytes of an unfinished line
+    SavedLineSettings m_SavedLine; // the line as it was before Open
 };
 
 } // namespace tessitor

@@ -161,6 +161,13 @@ TEST(CanCommand, OsCommandPollsTheStatusAndReadsTheReply)
     EXPECT_EQ(e.m_nErrorSource, kErrSrcCanDrive);
     EXPECT_EQ(e.FillMessage(), "Error : OSCommand did not answered in expected time");
     EXPECT_GE(busy.m_arSent.size(), 2u + 30u) << "the tick advances at most a millisecond a poll";
+
+    CScriptedCan only;
+    only.SetProcessorType("BreNol");
+    only.SetOsCommandOnly(true);
+    Caught([&] { only.SendCommandGetValue("MO=1", value, 1000); });
+    EXPECT_EQ(only.m_arSent.at(0), (sdo::Frame{0x2E, 0x24, 0x10, 0, 0})) << "MO=1 by OS command, not the interpreter";
+    EXPECT_TRUE(only.IsMotorOn()) << "set before the transfer, kept when it fails";
 }
 
 TEST(CanCommand, GeneralAbortAsksTheDriveForItsError)

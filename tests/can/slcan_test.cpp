@@ -5,8 +5,11 @@
 #include <atomic>
 #include <cerrno>
 #include <filesystem>
+#include <fcntl.h>
 #include <fstream>
+#include <termios.h>
 #include <thread>
+#include <unistd.h>
 
 #include "can/adapter/slcanadapter.h"
 #include "can/adapter/slcancodec.h"
@@ -94,6 +97,13 @@ TEST(SlcanAdapter, OpensWhateverTheStickAnswersAndSortsFramesByFunctionAndNode)
         return "";
     });
     CSlcanAdapter adapter(stick.Path());
+    // A line left cooked at 9600 baud by another program.
+    int other = ::open(stick.Path().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    termios found{};
+    ::tcgetattr(other, &found);
+    found.c_lflag |= ICANON | ECHO;
+    ::cfsetspeed(&found, B9600);
+    ::tcsetattr(other, TCSANOW, &found);
 
     ASSERT_EQ(adapter.Open(7), 0) << adapter.LastError();
     ASSERT_EQ(adapter.SendFrame(Frame(0x605, {0x40, 0x00, 0x10})), COM_OK);
@@ -113,6 +123,11 @@ TEST(SlcanAdapter, OpensWhateverTheStickAnswersAndSortsFramesByFunctionAndNode)
     for (int wait = 0; wait < 500 && stick.Lines().back() != "C\r"; ++wait)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_EQ(stick.Lines().back(), "C\r") << "closing closes the channel";
+    termios left{};
+    ::tcgetattr(other, &left);
+    EXPECT_EQ(left.c_lflag, found.c_lflag) << "the line goes back as it was found";
+    EXPECT_EQ(::cfgetospeed(&left), static_cast<speed_t>(B9600));
+    ::close(other);
 }
 
 TEST(SlcanAdapter, MissingDeviceAndVanishingDeviceAreReported)
