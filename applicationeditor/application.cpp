@@ -1,6 +1,7 @@
 #include "applicationeditor/application.h"
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 
 #include "core/atomicfile.h"
@@ -62,9 +63,13 @@ void CApplication::Update(bool bSave)
 
 int CApplication::LoadData()
 {
-    std::ifstream in(m_sFileName, std::ios::binary);
+    // A folder opens here like a file and reads as empty; it is no file to load.
+    std::error_code ignored;
+    std::ifstream in;
+    if (!std::filesystem::is_directory(m_sFileName, ignored))
+        in.open(m_sFileName, std::ios::binary);
     int loaded = 0;
-    if (in)
+    if (in.is_open())
         loaded = LoadFrom(in);
     else
         Trace::Write("CApplication:: Unable to open file for Read on LoadDatat the file will be create in first "
