@@ -41,6 +41,7 @@ TEST(ApplicationFile, MissingFileIsEmptyAndItsFirstSaveWritesOneGroupOfOneField)
     EXPECT_EQ(0, loaded);
     EXPECT_EQ("CApplication:: Unable to open file for Read on LoadDatat the file will be create in first Update .\n",
               trace);
+    EXPECT_EQ(0, CApplication(dir.Path().string()).IsLoaded()) << "a folder is no file to load";
     EXPECT_EQ("<Version>\r\n\t<LOAD_VERSION_STRING>Talvina 2.1.0.0<end_LOAD_VERSION_STRING>\r\n<end_Version>\r\n",
               ReadFile(path));
 }
@@ -242,23 +243,30 @@ TEST(ApplicationFile, SavesNeverReplaceAReadOnlyFileAndAFailedWriteLeavesTheOldF
     EXPECT_EQ(old, ReadFile(path));
     EXPECT_EQ(0, trace.find("CApplication:: Unable to open file for Update.\n")) << trace;
 
-    // A write that fails half way (the file-size limit stands in for a full disk).
+    // A write that fails half way (the file-size limit stands in for a full
+    // disk), and one whose process is killed half way: SIGKILL raised from
+    // the signal that the limit sends in the middle of the write.
     ASSERT_EQ(0, ::chmod(path.c_str(), 0640));
-    std::fflush(nullptr);
-    pid_t child = ::fork();
-    if (child == 0) {
-        std::signal(SIGXFSZ, SIG_IGN);
-        rlimit limit{64, 64};
-        ::setrlimit(RLIMIT_FSIZE, &limit);
-        CApplication app(path);
-        app.SetValue("DownLoad", "Params", std::string(4096, 'A'));
-        app.Update(true);
-        ::_exit(app.IsLoaded() == 0 && app.IsModified() ? 0 : 1);
+    for (bool killed : {false, true}) {
+        std::fflush(nullptr);
+        pid_t child = ::fork();
+        if (child == 0) {
+            std::signal(SIGXFSZ, killed ? [](int) { ::raise(SIGKILL); } : SIG_IGN);
+            rlimit limit{64, 64};
+            ::setrlimit(RLIMIT_FSIZE, &limit);
+            CApplication app(path);
+            app.SetValue("DownLoad", "Params", std::string(4096, 'A'));
+            app.Update(true);
+            ::_exit(app.IsLoaded() == 0 && app.IsModified() ? 0 : 1);
+        }
+        int status = -1;
+        ::waitpid(child, &status, 0);
+        if (killed)
+            EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
+        else
+            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        EXPECT_EQ(old, ReadFile(path)) << (killed ? "killed" : "failed");
     }
-    int status = -1;
-    ::waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    EXPECT_EQ(old, ReadFile(path));
     struct stat st {};
     ::stat(path.c_str(), &st);
     EXPECT_EQ(0640u, st.st_mode & 07777u);

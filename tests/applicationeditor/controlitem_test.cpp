@@ -35,7 +35,7 @@ TEST(ParamsText, DecodesPairsUpToSemicolonWithinCapacityPlusOne)
     EXPECT_EQ(1, CDatFile::DecodeParams("0102030405060708", bytes, 8));
     EXPECT_EQ(1, CDatFile::DecodeParams("01020304", bytes, 3));
     EXPECT_EQ(4u, bytes.size());
-    EXPECT_EQ(0, CDatFile::DecodeParams("010203040506", bytes, 3));
+    EXPECT_EQ(0, CDatFile::DecodeParams("0102030405", bytes, 3));
     EXPECT_EQ(0, CDatFile::DecodeParams("010203040", bytes, 3));
     EXPECT_EQ(1, CDatFile::DecodeParams("01", bytes, 3));
     EXPECT_EQ(-1, CDatFile::DecodeParams("01 2", bytes, 3));

@@ -164,35 +164,6 @@ TEST(OpenExistApp, VersionChecksRefuseWithTheSystemsTextsAndLeaveTheDriveAlone)
     EXPECT_EQ(5u, ui.m_arShown.size());
 }
 
-TEST(OpenExistApp, MinorVersionDifferenceAsksAndConvertsThroughTheConverter)
-{
-    CTempDir dir;
-    CScriptedUi ui;
-    DriveLink newer = Connect("Talvina", Face::kSerial, "2.1.0.0");
-    newer.pDrive->Execute("KI[2]=250");
-    ASSERT_EQ(CSaveExistApp::Result::kSaved, SaveDrive(newer, dir / "drive.dat"));
-    std::string file = test::ReadFile(dir / "drive.dat");
-    DriveLink older = Connect("Talvina", Face::kSerial, "2.0.0.0");
-    std::string fresh = Image(older);
-
-    Downloaded no = DownloadInto(older, dir / "drive.dat");
-    std::string afterNo = Image(older);
-    ui.m_nAnswer = IDYES;
-    Downloaded yes = DownloadInto(older, dir / "drive.dat");
-
-    EXPECT_EQ(Result::kDeclined, no.eResult);
-    EXPECT_EQ(fresh, afterNo);
-    ASSERT_EQ(Result::kDownloaded, yes.eResult) << ::testing::PrintToString(ui.m_arShown);
-    EXPECT_EQ(dir / "drive-2.0.0.0.dat", yes.sConverted);
-    EXPECT_EQ("250", older.pDrive->Execute("KI[2]").sValue);
-    EXPECT_EQ("Talvina 2.0.0.0", CDatFile(yes.sConverted).GetVersionString());
-    EXPECT_EQ(file, test::ReadFile(dir / "drive.dat"));
-    ASSERT_EQ(2u, ui.m_arShown.size());
-    EXPECT_EQ("Tessitor: Difference versions:\nDriver - Talvina 2.0.0.0\nFile   - Talvina 2.1.0.0\n"
-              "Do you want to make convert?",
-              ui.m_arShown[1]);
-}
-
 TEST(OpenExistApp, ConverterThatCannotStartAndABreakAreReported)
 {
     CTempDir dir;

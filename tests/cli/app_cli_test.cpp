@@ -103,6 +103,8 @@ TEST_F(AppCliTest, VersionChecksAskOrRefuseAndLeaveTheDriveAlone)
     ::chmod(readOnly.c_str(), 0444);
     WriteFile(m_Dir / "apps.mdb", "");
 
+    const std::string newerText = ReadFile(newer);
+
     ProcessResult no = Tessitor(conn, {"app", "download", newer, "--no"});
     ProcessResult untouched = Tessitor(conn, {"send", "KP[2]"});
     ProcessResult yes = Tessitor(conn, {"--yes", "app", "download", newer});
@@ -122,6 +124,7 @@ TEST_F(AppCliTest, VersionChecksAskOrRefuseAndLeaveTheDriveAlone)
     EXPECT_NE(std::string::npos, yes.sErr.find("tessitor-convert: FF[1] = 1.000 (dropped)")) << yes.sErr;
     EXPECT_EQ("0.5\n", converted.sOut);
     EXPECT_EQ("Talvina 2.0.0.0", CDatFile(m_Dir / "drive-2.0.0.0.dat").GetVersionString());
+    EXPECT_EQ(newerText, ReadFile(newer)) << "the converter writes beside the file, never over it";
     EXPECT_EQ(1, products.nStatus);
     EXPECT_NE(std::string::npos,
               products.sErr.find("Incompatible products:\nDriver - Talvina 2.0.0.0\nFile   - Corvessa 2.1.3.0\n"))
