@@ -1,7 +1,8 @@
 // The family command methods end to end: image and program transfers
 // against the virtual drive over a pseudo-terminal, loopback TCP and an
-// SLCAN bus, and the chunking against a scripted drive whose image is larger than one
-// chunk (the virtual drive's images all fit one).
+// SLCAN bus, and the chunking, its progress and bad answers against a
+// scripted drive (tests/cli/app_cli_test.cpp moves a two-chunk image through
+// the virtual drive on every face).
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -1,13 +1,14 @@
 // `tessitor app save|download|diff` as a user runs them against `tessitor
-// sim`: a drive saved, changed and restored over a pseudo-terminal, a
-// loopback network device and an SLCAN bus; the version checks, the
-// convert question answered by --yes and --no, and the refusals a user
-// must see with their exit statuses.
+// sim`: a drive whose image takes two chunks saved, changed and restored
+// over a pseudo-terminal, a loopback network device and an SLCAN bus; the
+// version checks, the convert question answered by --yes and --no, and the
+// refusals a user must see with their exit statuses.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
 
 #include "applicationeditor/datfile.h"
+#include "core/datadir.h"
 #include "sim/simdrive.h"
 #include "tests/applicationeditor/apptesthelpers.h"
 #include "tests/support/backgroundprocess.h"
@@ -15,6 +16,7 @@
 
 using namespace tessitor;
 using namespace tessitor::test;
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -26,7 +28,10 @@ protected:
     {
         args.insert(args.begin(), connection.begin(), connection.end());
         args.insert(args.begin(), TessitorPath());
-        return RunProcess(args, {"TESSITOR_CONFIG=" + m_Dir / "tessitor.ini"}, {}, 120000);
+        std::vector<std::string> env = {"TESSITOR_CONFIG=" + m_Dir / "tessitor.ini"};
+        if (!m_sData.empty())
+            env.push_back("TESSITOR_DATA=" + m_sData);
+        return RunProcess(args, env, {}, 120000);
     }
     // An application of product at version whose KP[2] is 0.5, with a program.
     std::string Seed(const std::string& product, const std::string& version, const std::string& name)
@@ -42,7 +47,25 @@ protected:
     }
 
     CTempDir m_Dir;
+    std::string m_sData; ///< the data folder of the drives and the commands ("" = the shipped one)
 };
+
+// A data folder whose version database adds Talvina 2.9.0.0: the
+// parameters of 2.1 and 1200 more, so that its image (2596 bytes) moves in
+// two chunks, on every face. Returns the folder.
+std::string BigImageData(const CTempDir& dir)
+{
+    fs::path data = dir.Path() / "data";
+    fs::copy(fs::path(DataFilePath("versions.txt")).parent_path(), data);
+    std::string versions = ReadFile((data / "versions.txt").string());
+    std::size_t list = versions.find("list DSP-2.1\n");
+    std::size_t rows = versions.find("wordswap 0\n", list) + 11;
+    std::string big = "list BIG\nversion Talvina 2.9.0.0\nwordswap 0\n"
+                      + versions.substr(rows, versions.find("\nend\n", rows) - rows)
+                      + "\nZZ 1..1200 1 1 0 65535 0 rws filler\nend\n";
+    WriteFile((data / "versions.txt").string(), versions + big);
+    return data.string();
+}
 
 TEST_F(AppCliTest, SavedDriveComesBackAfterChangesOverSerialTcpAndCan)
 {
@@ -56,19 +79,20 @@ TEST_F(AppCliTest, SavedDriveComesBackAfterChangesOverSerialTcpAndCan)
         {"TCP", {"--tcp", "0"}, [](const std::string& at) { return Args{"--tcp", at, "--target", "RS232 Port 1"}; }},
         {"CAN", {"--slcan", "--node", "3"}, [](const std::string& pty) { return Args{"--can", "slcan:" + pty, "--node", "3"}; }},
     };
-    std::string seed = Seed("Talvina", "", "seed.dat");
+    m_sData = BigImageData(m_Dir);
     for (const Face& face : faces) {
         SCOPED_TRACE(face.sName);
         Args sim = {TessitorPath(), "sim"};
         sim.insert(sim.end(), face.arSim.begin(), face.arSim.end());
-        CBackgroundProcess drive(sim);
+        CBackgroundProcess drive(sim, {"TESSITOR_DATA=" + m_sData});
         Args conn = face.pConnection(drive.FirstLine());
         std::string saved = m_Dir / (std::string(face.sName) + ".dat");
 
-        ProcessResult seeded = Tessitor(conn, {"app", "download", seed});
+        ProcessResult seeded = Tessitor(conn, {"send", "KP[2]=0.5", "ZZ[1200]=7", "DLMO=0\\", "DL'comment\\",
+                                               "DLWT=10\\"});
         ProcessResult save = Tessitor(conn, {"app", "save", saved});
         ProcessResult listing = Tessitor(conn, {"send", "LS"});
-        ProcessResult change = Tessitor(conn, {"send", "KP[2]=0.25", "CP"});
+        ProcessResult change = Tessitor(conn, {"send", "KP[2]=0.25", "ZZ[1200]=9", "CP"});
         ProcessResult changed = Tessitor(conn, {"app", "diff", saved});
         ProcessResult restore = Tessitor(conn, {"app", "download", saved});
         ProcessResult same = Tessitor(conn, {"app", "diff", saved});
@@ -79,14 +103,16 @@ TEST_F(AppCliTest, SavedDriveComesBackAfterChangesOverSerialTcpAndCan)
         ASSERT_EQ(0, save.nStatus) << save.sErr;
         EXPECT_EQ(0, change.nStatus) << change.sErr;
         EXPECT_EQ(3, changed.nStatus) << changed.sErr;
-        EXPECT_EQ("KP[2]: 0.500 | 0.250\n", changed.sOut);
+        EXPECT_EQ("KP[2]: 0.500 | 0.250\nZZ[1200]: 7 | 9\n", changed.sOut);
         EXPECT_EQ(0, restore.nStatus) << restore.sErr;
         EXPECT_EQ(0, same.nStatus) << same.sOut << same.sErr;
         EXPECT_EQ("", same.sOut);
         EXPECT_EQ(listing.sOut, listingAfter.sOut);
         EXPECT_NE(std::string::npos, listing.sOut.find("WT=10"));
-        EXPECT_NE(std::string::npos, shown.sOut.find("program: 3 lines\n    MO=0\n    'comment\n    WT=10\n"))
+        EXPECT_NE(std::string::npos, shown.sOut.find("program: 3 lines\n    MO=0\n    'comment\n    WT=10\n"
+                                                     "parameters: 1255 (BIG, 2596 bytes)\n"))
             << shown.sOut;
+        EXPECT_NE(std::string::npos, shown.sOut.find("\nZZ[1200] = 7\n"));
         EXPECT_EQ(0, drive.Stop());
     }
 }
