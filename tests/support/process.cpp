@@ -1,5 +1,6 @@
 #include "tests/support/process.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -22,9 +23,16 @@ std::string TessitorPath()
 
 std::vector<std::string> EnvironmentWith(const std::vector<std::string>& extra)
 {
+    // An entry of extra replaces this process's entry of the same name:
+    // getenv() would find the first of two.
+    auto named = [&extra](const std::string& entry) {
+        std::string prefix = entry.substr(0, entry.find('=') + 1);
+        return std::any_of(extra.begin(), extra.end(), [&prefix](const std::string& e) { return e.rfind(prefix, 0) == 0; });
+    };
     std::vector<std::string> entries;
     for (char** e = environ; *e; ++e)
-        entries.emplace_back(*e);
+        if (!named(*e))
+            entries.emplace_back(*e);
     entries.insert(entries.end(), extra.begin(), extra.end());
     return entries;
 }

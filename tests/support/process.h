@@ -19,7 +19,8 @@ struct ProcessResult {
 ProcessResult RunProcess(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
                          const std::string& input = {}, int timeoutMs = 60000, const std::vector<int>& closedFds = {});
 
-/// This process's environment with the NAME=VALUE entries of extra added.
+/// This process's environment with the NAME=VALUE entries of extra added,
+/// each in place of an entry of the same name.
 std::vector<std::string> EnvironmentWith(const std::vector<std::string>& extra);
 
 /// The tessitor executable under test: $TESSITOR_BIN, else the one built here.
