@@ -119,11 +119,13 @@ TEST(ApplicationFile, StoresMergeCaseBlindAndTheWriterAndReaderStayAsymmetric)
 
     app.Update(false); // merges the file's values into those held
     app.Update(false);
+    app.Update(true); // not modified since the load: writes nothing, "Extra" and all
 
     EXPECT_EQ("<Group>\r\n\t<Field>two<end_Field>\r\n\t<Lines>a\r\nb<end_Lines>\r\n<end_Group>\r\n"
               "<Numbers>\r\n\t<Negative>-42<end_Negative>\r\n<end_Numbers>\r\n",
               written);
     EXPECT_FALSE(app.IsModified());
+    EXPECT_EQ(written, ReadFile(path));
     EXPECT_EQ("two", app.GetValue("group", "FIELD"));
     EXPECT_EQ("a\n\rb", app.GetValue("Group", "Lines"));
     EXPECT_EQ(-42, app.GetInt("Numbers", "Negative"));
