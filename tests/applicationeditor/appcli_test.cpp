@@ -1,5 +1,5 @@
 // `tessitor app show` as a user runs it: a file holding the virtual drive's
-// image, one whose image does not fit its version, and --json.
+// image, --json, and the files it cannot show whole.
 #include <gtest/gtest.h>
 
 #include "applicationeditor/datfile.h"
@@ -13,13 +13,13 @@ namespace {
 using test::RunProcess;
 using test::TessitorPath;
 
-TEST(AppShowCommand, ListsTheImageThroughTheVersionDatabaseAndRefusesAMismatch)
+TEST(AppShowCommand, ListsTheImageThroughTheVersionDatabaseAndRefusesWhatItCannotShow)
 {
     test::CTempDir dir;
     sim::CSimDrive drive("Bressa"); // a word-swapped image
     drive.Execute("KP[2]=0.5");
     std::string hex = drive.Execute("IM").sValue;
-    std::string good = dir / "good.dat", bad = dir / "bad.dat", unknown = dir / "unknown.dat";
+    std::string good = dir / "good.dat", bad = dir / "bad.dat", unknown = dir / "unknown.dat", names = dir / "names.dat";
     {
         CDatFile file(good);
         file.SetVersionString("Bressa 1.0.4.2");
@@ -40,11 +40,18 @@ TEST(AppShowCommand, ListsTheImageThroughTheVersionDatabaseAndRefusesAMismatch)
         CDatFile file(unknown);
         file.SetVersionString("Bressa 9.9.0.0");
     }
+    {
+        CDatFile file(names); // NM[5] is a NUL character in a fresh drive
+        file.SetVersionString("Talvina 2.1.0.0");
+        file.SetParams(sim::CSimDrive("Talvina").Execute("IM").sValue);
+    }
 
     auto shown = RunProcess({TessitorPath(), "app", "show", good});
     auto json = RunProcess({TessitorPath(), "app", "show", "--json", good});
     auto mismatch = RunProcess({TessitorPath(), "app", "show", bad});
     auto noLayout = RunProcess({TessitorPath(), "app", "show", unknown});
+    auto unprintable = RunProcess({TessitorPath(), "app", "show", names});
+    auto unprintableJson = RunProcess({TessitorPath(), "app", "show", "--json", names});
     auto missing = RunProcess({TessitorPath(), "app", "show", dir / "missing.dat"});
     auto folder = RunProcess({TessitorPath(), "app", "show", dir.Path().string()});
 
@@ -64,30 +71,14 @@ TEST(AppShowCommand, ListsTheImageThroughTheVersionDatabaseAndRefusesAMismatch)
     EXPECT_EQ(std::string::npos, mismatch.sOut.find("KP[1]"));
     EXPECT_EQ(1, noLayout.nStatus);
     EXPECT_EQ("The version database has no parameter layout for the version \"Bressa 9.9.0.0\".\n", noLayout.sErr);
+    EXPECT_NE(std::string::npos, unprintable.sOut.find("connection: none\nprogram: 0 lines\n"));
+    EXPECT_NE(std::string::npos, unprintable.sOut.find("\nNM[1] = A\nNM[2] = x\nNM[3] = i\nNM[4] = s\nNM[5] = \\x00\n"));
+    EXPECT_NE(std::string::npos, unprintableJson.sOut.find("\"name\": \"NM[5]\", \"mnemonic\": \"NM\", \"index\": 5, "
+                                                           "\"value\": \"\\u0000\""));
     EXPECT_EQ(1, missing.nStatus);
     EXPECT_EQ("tessitor: cannot read " + dir / "missing.dat" + ": No such file or directory\n", missing.sErr);
     EXPECT_EQ(1, folder.nStatus);
     EXPECT_EQ("tessitor: cannot read " + dir.Path().string() + ": Is a directory\n", folder.sErr);
-}
-
-TEST(AppShowCommand, ShowsUnprintableNameCharactersAsCodes)
-{
-    test::CTempDir dir;
-    sim::CSimDrive drive("Talvina");
-    std::string path = dir / "names.dat";
-    {
-        CDatFile file(path);
-        file.SetVersionString("Talvina 2.1.0.0");
-        file.SetParams(drive.Execute("IM").sValue);
-    }
-
-    auto shown = RunProcess({TessitorPath(), "app", "show", path});
-    auto json = RunProcess({TessitorPath(), "app", "show", "--json", path});
-
-    EXPECT_NE(std::string::npos, shown.sOut.find("\nNM[1] = A\nNM[2] = x\nNM[3] = i\nNM[4] = s\nNM[5] = \\x00\n"));
-    EXPECT_NE(std::string::npos, shown.sOut.find("connection: none\nprogram: 0 lines\n"));
-    EXPECT_NE(std::string::npos, json.sOut.find("\"name\": \"NM[5]\", \"mnemonic\": \"NM\", \"index\": 5, \"value\": "
-                                                "\"\\u0000\""));
 }
 
 } // namespace

@@ -76,37 +76,6 @@ public:
     std::function<void(unsigned)> m_OnMessage;
 };
 
-TEST(OpenExistApp, SavedApplicationComesBackWithItsProgramAndParameters)
-{
-    CTempDir dir;
-    CScriptedUi ui;
-    DriveLink d = Connect("Talvina", Face::kSerial);
-    d.pDrive->Execute("KP[2]=0.5");
-    auto methods = CreateProductMethods(*d.pLink);
-    methods->DownloadProgram("MO=0\n'comment\nWT=10");
-    std::string saved = Image(d), listing = d.pDrive->Execute("LS").sValue;
-    ASSERT_EQ(CSaveExistApp::Result::kSaved, SaveDrive(d, dir / "drive.dat"));
-    CDatFile file(dir / "drive.dat");
-    std::vector<std::string> groups;
-    for (const auto& g : file.Groups())
-        groups.push_back(g->GetName());
-
-    d.pDrive->Execute("KP[2]=0.25");
-    methods->DownloadProgram("WT=20");
-    CStatusWindow window;
-    Downloaded done = DownloadInto(d, dir / "drive.dat", &window);
-
-    EXPECT_EQ((std::vector<std::string>{"Version", "DownLoad", "Communication", "UserProgram"}), groups);
-    EXPECT_EQ("Talvina 2.1.0.0", file.GetVersionString());
-    EXPECT_EQ("RS_232", file.GetCommunicationText("CommunicationType"));
-    EXPECT_EQ(Result::kDownloaded, done.eResult);
-    EXPECT_EQ(saved, Image(d));
-    EXPECT_EQ(listing, d.pDrive->Execute("LS").sValue);
-    EXPECT_TRUE(ui.m_arShown.empty());
-    EXPECT_EQ((std::vector<std::string>{kCaptionBreak, kStatusProgram, kStatusParameters, kCaptionDownload}),
-              window.m_arTexts);
-}
-
 TEST(OpenExistApp, VersionChecksRefuseWithTheSystemsTextsAndLeaveTheDriveAlone)
 {
     CTempDir dir;
@@ -142,7 +111,8 @@ TEST(OpenExistApp, VersionChecksRefuseWithTheSystemsTextsAndLeaveTheDriveAlone)
     Result database = DownloadInto(talvina, dir / "old.MDB").eResult;
     Result other = DownloadInto(talvina, dir / "notes.txt").eResult;
     std::string untouched = Image(talvina);
-    Result patch = DownloadInto(talvina, dir / "patch.dat").eResult;
+    CStatusWindow window;
+    Result patch = DownloadInto(talvina, dir / "patch.dat", &window).eResult;
 
     EXPECT_EQ(Result::kRefused, products);
     EXPECT_EQ(Result::kRefused, dspOld);
@@ -162,6 +132,8 @@ TEST(OpenExistApp, VersionChecksRefuseWithTheSystemsTextsAndLeaveTheDriveAlone)
     EXPECT_EQ(Result::kDownloaded, patch);
     EXPECT_EQ(before, Image(talvina));
     EXPECT_EQ(5u, ui.m_arShown.size());
+    EXPECT_EQ((std::vector<std::string>{kCaptionBreak, kStatusProgram, kStatusParameters, kCaptionDownload}),
+              window.m_arTexts);
 }
 
 TEST(OpenExistApp, ConverterThatCannotStartAndABreakAreReported)
