@@ -1,6 +1,8 @@
 #include "applicationeditor/application.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -66,14 +68,19 @@ int CApplication::LoadData()
     // A folder opens here like a file and reads as empty; it is no file to load.
     std::error_code ignored;
     std::ifstream in;
-    if (!std::filesystem::is_directory(m_sFileName, ignored))
+    int error = EISDIR;
+    if (!std::filesystem::is_directory(m_sFileName, ignored)) {
         in.open(m_sFileName, std::ios::binary);
+        error = errno;
+    }
     int loaded = 0;
-    if (in.is_open())
+    if (in.is_open()) {
         loaded = LoadFrom(in);
-    else
+    } else {
         Trace::Write("CApplication:: Unable to open file for Read on LoadDatat the file will be create in first "
                      "Update .\n");
+        Trace::Printf("CApplication::LoadData: %s: %s\n", m_sFileName.c_str(), std::strerror(error));
+    }
     m_bModified = false;
     return loaded;
 }

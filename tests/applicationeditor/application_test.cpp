@@ -39,7 +39,8 @@ TEST(ApplicationFile, MissingFileIsEmptyAndItsFirstSaveWritesOneGroupOfOneField)
     });
 
     EXPECT_EQ(0, loaded);
-    EXPECT_EQ("CApplication:: Unable to open file for Read on LoadDatat the file will be create in first Update .\n",
+    EXPECT_EQ("CApplication:: Unable to open file for Read on LoadDatat the file will be create in first Update .\n"
+              "CApplication::LoadData: " + path + ": No such file or directory\n",
               trace);
     EXPECT_EQ(0, CApplication(dir.Path().string()).IsLoaded()) << "a folder is no file to load";
     EXPECT_EQ("<Version>\r\n\t<LOAD_VERSION_STRING>Talvina 2.1.0.0<end_LOAD_VERSION_STRING>\r\n<end_Version>\r\n",
