@@ -206,7 +206,8 @@ void CCan::OsCommand(const std::string& command, std::string& reply, std::uint32
         if (!result.empty())
             status = static_cast<std::uint8_t>(result[0]);
         auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
-        tick = std::min(tick + 1, static_cast<std::uint32_t>(elapsed.count()));
+        // Never past the time-out either: a time-out of 0 ends after one poll.
+        tick = std::min({tick + 1, static_cast<std::uint32_t>(elapsed.count()), timeoutMs});
     } while (status == kOsStatusExecuting && tick != timeoutMs);
     if (status == kOsStatusExecuting)
         throw CExceptionComm(-1, this, kErrSrcCanDrive, "Error : OSCommand did not answered in expected time");
