@@ -36,7 +36,7 @@ bench: build
 # Each libFuzzer target for FUZZ_SECONDS, from its seeds (fuzz/corpus/T) with
 # its dictionary (fuzz/T.dict); new inputs and findings stay in build/fuzz.
 FUZZ_SECONDS ?= 60
-FUZZ_TARGETS ?= simdrive communicationinfo netframe application bhdecode
+FUZZ_TARGETS ?= simdrive communicationinfo netframe application bhdecode canwire
 fuzz:
 	@scripts/bootstrap.sh fuzz
 	cmake --preset fuzz
