@@ -27,6 +27,8 @@ constexpr std::uint32_t kLinkCheckTimeoutMs = 1000;
 constexpr std::uint32_t kRecordSetupTimeoutMs = 1000; // "RP[8]=0", "RP[9]=0" before a record upload
 constexpr std::uint32_t kRecordUploadTimeoutMs = 5000;
 constexpr std::uint16_t kDeviceTypeObject = 0x1000;
+// Late upload responses for other objects passed over before one is taken.
+constexpr int kStaleAnswersSkipped = 4;
 
 // The CANopen OS command: 0x1024 clears, 0x1023 sub-index 1 takes the
 // command, 2 reports the status, 3 holds the reply.
@@ -360,8 +362,18 @@ void CCan::InitiateUpload(std::uint16_t cobId, std::uint16_t index, std::uint8_t
 {
     SDO_InitUploadRequest(cobId, index, sub);
     CanMessage answer = Message(cobId, response);
-    std::fill(response, response + 8, 0);
-    ReceiveSdoFrame(answer, timeoutMs);
+    // An upload response names its object: one for another object is a
+    // server's late answer to a request that an earlier program gave up on.
+    for (int stale = 0;; ++stale) {
+        std::fill(response, response + 8, 0);
+        ReceiveSdoFrame(answer, timeoutMs);
+        const bool other = sdo::Specifier(response[0]) == sdo::kScsInitUpload
+                        && (static_cast<std::uint16_t>(response[1] | response[2] << 8) != index || response[3] != sub);
+        if (!other || stale == kStaleAnswersSkipped)
+            break;
+        Trace::Printf("CCan: skipped a late upload response of 0x%04X/%d\n", response[1] | response[2] << 8,
+                      response[3]);
+    }
     if (sdo::Specifier(response[0]) == sdo::kCsAbort) {
         LogAt(abortLog);
         SDO_Abort(response + 4);

@@ -169,7 +169,7 @@ TEST(SdoClient, AbortsCarryTheirTextAndTheirErrorSource)
     EXPECT_EQ(link.m_arSent.size(), 2u);
 }
 
-TEST(SdoClient, MissingResponseIsATimeOutAndOddOnesAreNoData)
+TEST(SdoClient, MissingResponseIsATimeOutAndLateOrOddOnesAreNoData)
 {
     CScriptedCan link;
     std::string text = "stale";
@@ -181,8 +181,14 @@ TEST(SdoClient, MissingResponseIsATimeOutAndOddOnesAreNoData)
     link.SDO_UpLoad(0x605, 0x1008, 0, text, 1000);
     EXPECT_EQ(text, "");
 
+    // A late answer for another object is passed over.
+    link.Answer(0x4F, {0x08, 0x10, 0x00, 'X'});
+    link.Answer(0x43, {0x18, 0x10, 0x01, 1, 2, 3, 4});
+    link.SDO_UpLoad(0x605, 0x1018, 1, text, 1000);
+    EXPECT_EQ(text, "\x01\x02\x03\x04");
+
     // An initiate response inside the segment loop (a late answer to an
-    // earlier request) is not data.
+    // earlier request for the same object) is not data.
     link.Answer(0x41, {0x0A, 0x10, 0x00, 15, 0, 0, 0});
     link.Answer(0x41, {0x0A, 0x10, 0x00, 15, 0, 0, 0});
     e = Caught([&] { link.SDO_UpLoad(0x605, 0x100A, 0, text, 1000); });
