@@ -1,6 +1,13 @@
 // The GUI against the virtual drive: the windows a user opens, the replies
 // they show, and a drive that stops answering.
+#include <QAction>
+#include <QListWidget>
 #include <QMessageBox>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QSpinBox>
+#include <QLineEdit>
+#include <QTabWidget>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QTest>
@@ -9,6 +16,10 @@
 
 #include "sim/simserialserver.h"
 #include "tests/gui/guitesthelpers.h"
+#include "tests/support/backgroundprocess.h"
+#include "tests/support/process.h"
+#include "tests/support/scriptedpeer.h"
+#include "ui/gui/connectdialog.h"
 #include "ui/gui/applicationswindow.h"
 #include "ui/gui/mainframe.h"
 #include "ui/gui/qtui.h"
@@ -19,6 +30,10 @@
 #include "ui/gui/terminalwindow.h"
 
 namespace tessitor::gui::test {
+
+using tessitor::test::CBackgroundProcess;
+using tessitor::test::CScriptedPeer;
+using tessitor::test::TessitorPath;
 
 namespace {
 
@@ -41,16 +56,20 @@ private slots:
         m_Ui.Close();
         Ui::Install(nullptr);
     }
+    void init()
+    {
+        m_pFrame = std::make_unique<CMainFrame>();
+        m_pFrame->show();
+        QVERIFY(QTest::qWaitForWindowExposed(m_pFrame.get()));
+    }
+    void cleanup() { m_pFrame.reset(); }
 
     void TerminalShowsValuesAndTheDrivesErrors()
     {
-        CMainFrame frame;
-        frame.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&frame));
 
-        CDriveSession* session = frame.OpenVirtualDrive();
+        CDriveSession* session = OpenVirtual();
         QVERIFY(session);
-        auto* terminal = qobject_cast<CTerminalWindow*>(frame.ShowChild(session, CMainFrame::kTerminal));
+        auto* terminal = Show<CTerminalWindow>(session, CMainFrame::kTerminal);
         QVERIFY(terminal);
         terminal->Send("VR");
         terminal->Send("KP[2]=7");
@@ -64,20 +83,17 @@ private slots:
         QCOMPARE(lines[3], QString(""));
         QCOMPARE(lines[5], QString("7"));
         QCOMPARE(lines[7], QString("Error (3) : 'KP[7]=1' : Bad index !"));
-        QTRY_VERIFY_WITH_TIMEOUT(frame.DriveTree()->topLevelItem(0)->text(1).startsWith("connected, motor off"), kWaitMs);
-        Shoot(&frame, "terminal");
+        QTRY_VERIFY_WITH_TIMEOUT(m_pFrame->DriveTree()->topLevelItem(0)->text(1).startsWith("connected, motor off"), kWaitMs);
+        Shoot(m_pFrame.get(), "terminal");
     }
 
     void StoppedDriveShowsOneBoxAndOthersGoOn()
     {
-        CMainFrame frame;
-        frame.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&frame));
-        CDriveSession* first = frame.OpenVirtualDrive();
-        CDriveSession* second = frame.OpenVirtualDrive("Vosk");
+        CDriveSession* first = OpenVirtual();
+        CDriveSession* second = OpenVirtual("Vosk");
         QVERIFY(first && second);
-        auto* firstTerminal = qobject_cast<CTerminalWindow*>(frame.ShowChild(first, CMainFrame::kTerminal));
-        auto* secondTerminal = qobject_cast<CTerminalWindow*>(frame.ShowChild(second, CMainFrame::kTerminal));
+        auto* firstTerminal = Show<CTerminalWindow>(first, CMainFrame::kTerminal);
+        auto* secondTerminal = Show<CTerminalWindow>(second, CMainFrame::kTerminal);
         CBoxWatcher boxes(QMessageBox::Yes, "communication-error");
 
         first->VirtualDrive()->Stop();
@@ -88,27 +104,95 @@ private slots:
         QCOMPARE(boxes.m_arSeen.size(), 1);
         QVERIFY2(boxes.m_arSeen[0].startsWith("Communication Device Error|"), qPrintable(boxes.m_arSeen[0]));
         QVERIFY(boxes.m_arSeen[0].endsWith("\nWould you like to disconnect now ?"));
-        QTRY_VERIFY_WITH_TIMEOUT(frame.DriveTree()->topLevelItem(0)->text(1) == "disconnected", kWaitMs);
-        Shoot(&frame, "disconnected");
+        QTRY_VERIFY_WITH_TIMEOUT(m_pFrame->DriveTree()->topLevelItem(0)->text(1) == "disconnected", kWaitMs);
+        Shoot(m_pFrame.get(), "disconnected");
 
         secondTerminal->Send("VR");
         QTRY_VERIFY_WITH_TIMEOUT(secondTerminal->Transcript().contains("\nVosk "), kWaitMs);
         QVERIFY(second->IsConnected());
 
-        QCOMPARE(first->Connect(), std::string());
+        m_pFrame->DriveTree()->setCurrentItem(m_pFrame->DriveTree()->topLevelItem(0));
+        Action("&Reconnect")->trigger();
+        QTRY_VERIFY_WITH_TIMEOUT(first->IsConnected(), kWaitMs);
         firstTerminal->Send("VR");
         QTRY_VERIFY_WITH_TIMEOUT(firstTerminal->Transcript().contains("\nTalvina "), kWaitMs);
         QCOMPARE(boxes.m_arSeen.size(), 1);
     }
 
+    void ConnectingKeepsTheWindowAnsweringAndAFailureIsOneBox()
+    {
+        CScriptedPeer silent; // a port with no drive behind it
+        silent.SetHandler([](const std::string&) { return std::string(); });
+        CConnectRequest request;
+        request.info.m_sCommType = "RS_232";
+        request.options.sSerialPath = silent.Path();
+        request.options.nTimeoutMs = 300;
+        CBoxWatcher boxes(QMessageBox::Ok, "connect-failed");
+        int ticks = 0;
+        QTimer clock;
+        clock.start(20);
+
+        CDriveSession* session = m_pFrame->OpenDrive(request);
+        connect(&clock, &QTimer::timeout, [&] { ticks += session->IsConnecting() ? 1 : 0; });
+
+        QCOMPARE(m_pFrame->DriveTree()->topLevelItem(0)->text(1), QString("connecting..."));
+        QTRY_COMPARE_WITH_TIMEOUT(boxes.m_arSeen.size(), 1, kWaitMs);
+        QVERIFY2(ticks >= 5, "the event loop ran while the port was asked");
+        QVERIFY2(boxes.m_arSeen[0].startsWith("Communication Device Error|"), qPrintable(boxes.m_arSeen[0]));
+        QVERIFY2(boxes.m_arSeen[0].endsWith(silent.Path().c_str() + QString(": no answer to \"VR\".")),
+                 qPrintable(boxes.m_arSeen[0]));
+        QTRY_COMPARE_WITH_TIMEOUT(m_pFrame->DriveTree()->topLevelItemCount(), 0, kWaitMs);
+        QCOMPARE(m_pFrame->Sessions().size(), std::size_t(0));
+        QCOMPARE(boxes.m_arSeen.size(), 1);
+    }
+
+    void CanScanListsTheNodesAndConnectsToTheOneChosen()
+    {
+        CBackgroundProcess bus({TessitorPath(), "sim", "--slcan", "--node", "3,5:Bressa"});
+        const QString path = QString::fromStdString(bus.FirstLine());
+        QVERIFY(!path.isEmpty());
+        CConnectDialog dialog(m_pFrame.get());
+        dialog.show();
+        dialog.Pages()->setCurrentIndex(2);
+        dialog.CanDeviceEdit()->setText(path);
+
+        dialog.ScanButton()->click();
+        dialog.ScanButton()->click(); // stops it at once
+        QTRY_VERIFY_WITH_TIMEOUT(!dialog.IsBusy(), kWaitMs);
+        QVERIFY2(dialog.ErrorText().startsWith("Scan stopped"), qPrintable(dialog.ErrorText()));
+
+        // Generous time-outs for a loaded machine, over a few nodes only.
+        dialog.ScanLastBox()->setValue(6);
+        dialog.ScanTimeoutBox()->setValue(1000);
+        dialog.ScanButton()->click();
+        QTRY_VERIFY_WITH_TIMEOUT(!dialog.IsBusy(), kWaitMs);
+
+        QCOMPARE(dialog.ErrorText(), QString());
+        QCOMPARE(dialog.ScanProgress()->value(), 6);
+        QListWidget* found = dialog.ScanList();
+        QCOMPARE(found->count(), 2);
+        QVERIFY2(found->item(0)->text().startsWith("Node 3: device type 0x"), qPrintable(found->item(0)->text()));
+        QVERIFY2(found->item(1)->text().startsWith("Node 5: device type \"Bressa "), qPrintable(found->item(1)->text()));
+        found->setCurrentRow(1);
+        QCOMPARE(dialog.CanNodeBox()->value(), 5);
+        Shoot(&dialog, "connect-can");
+        CBoxWatcher boxes(QMessageBox::Ok);
+        emit found->itemDoubleClicked(found->item(1));
+        QCOMPARE(dialog.result(), int(QDialog::Accepted));
+        CDriveSession* session = m_pFrame->OpenDrive(dialog.Request());
+        QTRY_VERIFY_WITH_TIMEOUT(session->IsConnected(), kWaitMs);
+        QVERIFY2(session->Title().startsWith("Bressa "), qPrintable(session->Title()));
+        // The family's warning, asked on the connect thread, shown on the GUI's.
+        QCOMPARE(boxes.m_arSeen.size(), 1);
+        QVERIFY(boxes.m_arSeen[0].startsWith("Tessitor|Some of the Tessitor's features might not be supported"));
+    }
+
     void ScopeRecordsAMoveAndPlotsTheFilesData()
     {
         QTemporaryDir folder;
-        CMainFrame frame;
-        frame.show();
-        CDriveSession* session = frame.OpenVirtualDrive();
+        CDriveSession* session = OpenVirtual();
         QVERIFY(session);
-        auto* scope = qobject_cast<CScopeWindow*>(frame.ShowChild(session, CMainFrame::kScope));
+        auto* scope = Show<CScopeWindow>(session, CMainFrame::kScope);
         QVERIFY(scope);
         QTRY_VERIFY_WITH_TIMEOUT(scope->IsReady(), kWaitMs);
         QString path = folder.filePath("move.sdv");
@@ -140,8 +224,8 @@ private slots:
         view->SetCursor(1, 599 * file.SampleTime());
         QVERIFY2(view->CursorText().contains(QString("dV=%1").arg(file.Value(599, 2) - file.Value(0, 2))),
                  qPrintable(view->CursorText()));
-        frame.MdiArea()->activeSubWindow()->showMaximized();
-        Shoot(&frame, "scope");
+        m_pFrame->MdiArea()->activeSubWindow()->showMaximized();
+        Shoot(m_pFrame.get(), "scope");
 
         QString csv = folder.filePath("move.csv");
         QCOMPARE(scope->SaveAs(csv), QString());
@@ -153,13 +237,11 @@ private slots:
 
     void StopInOneScopeLeavesTheOtherRecording()
     {
-        CMainFrame frame;
-        frame.show();
         std::vector<CScopeWindow*> scopes;
         for (int i = 0; i < 2; ++i) {
-            CDriveSession* session = frame.OpenVirtualDrive();
+            CDriveSession* session = OpenVirtual();
             QVERIFY(session);
-            scopes.push_back(qobject_cast<CScopeWindow*>(frame.ShowChild(session, CMainFrame::kScope)));
+            scopes.push_back(Show<CScopeWindow>(session, CMainFrame::kScope));
             QTRY_VERIFY_WITH_TIMEOUT(scopes.back()->IsReady(), kWaitMs);
             scopes.back()->SetAfterArming(""); // no move: the trigger never comes
             scopes.back()->Start();
@@ -214,12 +296,10 @@ private slots:
 
     void MonitorAndParametersReadTheDrive()
     {
-        CMainFrame frame;
-        frame.show();
-        CDriveSession* session = frame.OpenVirtualDrive();
+        CDriveSession* session = OpenVirtual();
         QVERIFY(session);
-        auto* monitor = qobject_cast<CMonitorWindow*>(frame.ShowChild(session, CMainFrame::kMonitor));
-        auto* parameters = qobject_cast<CParametersWindow*>(frame.ShowChild(session, CMainFrame::kParameters));
+        auto* monitor = Show<CMonitorWindow>(session, CMainFrame::kMonitor);
+        auto* parameters = Show<CParametersWindow>(session, CMainFrame::kParameters);
         QVERIFY(monitor && parameters);
 
         QTRY_VERIFY_WITH_TIMEOUT(monitor->Readings() >= 3, kWaitMs);
@@ -248,12 +328,10 @@ private slots:
     void SavedApplicationDownloadsBack()
     {
         QTemporaryDir folder;
-        CMainFrame frame;
-        frame.show();
-        CDriveSession* session = frame.OpenVirtualDrive();
+        CDriveSession* session = OpenVirtual();
         QVERIFY(session);
-        auto* apps = qobject_cast<CApplicationsWindow*>(frame.ShowChild(session, CMainFrame::kApplications));
-        auto* terminal = qobject_cast<CTerminalWindow*>(frame.ShowChild(session, CMainFrame::kTerminal));
+        auto* apps = Show<CApplicationsWindow>(session, CMainFrame::kApplications);
+        auto* terminal = Show<CTerminalWindow>(session, CMainFrame::kTerminal);
         QVERIFY(apps && terminal);
         CBoxWatcher boxes(QMessageBox::Yes);
         QString path = folder.filePath("drive.dat");
@@ -276,7 +354,27 @@ private slots:
     }
 
 private:
+    // Opens a virtual drive and waits for it; null when it did not connect in time.
+    CDriveSession* OpenVirtual(const std::string& product = "Talvina")
+    {
+        CDriveSession* session = m_pFrame->OpenVirtualDrive(product);
+        return QTest::qWaitFor([session] { return session->IsConnected(); }, kWaitMs) ? session : nullptr;
+    }
+    QAction* Action(const QString& text)
+    {
+        for (QAction* action : m_pFrame->findChildren<QAction*>())
+            if (action->text() == text)
+                return action;
+        return nullptr;
+    }
+    template <class Window>
+    Window* Show(CDriveSession* session, CMainFrame::ChildKind kind)
+    {
+        return qobject_cast<Window*>(m_pFrame->ShowChild(session, kind));
+    }
+
     CQtUi m_Ui;
+    std::unique_ptr<CMainFrame> m_pFrame;
 };
 
 } // namespace tessitor::gui::test

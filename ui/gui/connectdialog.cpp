@@ -9,12 +9,17 @@
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QLineEdit>
+#include <QListWidget>
+#include <QPointer>
+#include <QProgressBar>
 #include <QPushButton>
 #include <QSpinBox>
 #include <QTabWidget>
 #include <QVBoxLayout>
 
 #include "can/canadapterchoice.h"
+#include "can/canbusscan.h"
+#include "can/canmessage.h"
 #include "communication/lastconnection.h"
 #include "communication/netdevice.h"
 #include "communication/netprotocol.h"
@@ -99,14 +104,14 @@ CConnectDialog::CConnectDialog(QWidget* parent) : QDialog(parent)
     m_pTcpTarget = new QComboBox;
     m_pTcpTarget->setEditable(true);
     m_pTcpTarget->setCurrentText("RS232 Port 1");
-    auto* listButton = new QPushButton("&List Drives");
+    m_pListButton = new QPushButton("&List Drives");
     auto* targetRow = new QHBoxLayout;
     targetRow->addWidget(m_pTcpTarget, 1);
-    targetRow->addWidget(listButton);
+    targetRow->addWidget(m_pListButton);
     tcpForm->addRow("Host:", m_pTcpHost);
     tcpForm->addRow("Port:", m_pTcpPort);
     tcpForm->addRow("Drive:", targetRow);
-    connect(listButton, &QPushButton::clicked, this, &CConnectDialog::ListNetworkDrives);
+    connect(m_pListButton, &QPushButton::clicked, this, &CConnectDialog::ListNetworkDrives);
     m_pPages->addTab(tcp, "TCP");
 
     auto* can = new QWidget;
@@ -124,6 +129,41 @@ CConnectDialog::CConnectDialog(QWidget* parent) : QDialog(parent)
     canForm->addRow("Device or interface:", m_pCanDevice);
     canForm->addRow("Bit rate [kbit/s]:", m_pCanBitRate);
     canForm->addRow("Node:", m_pCanNode);
+    m_pScanFirst = new QSpinBox;
+    m_pScanFirst->setRange(1, kMaxNodeId);
+    m_pScanLast = new QSpinBox;
+    m_pScanLast->setRange(1, kMaxNodeId);
+    m_pScanLast->setValue(kMaxNodeId);
+    m_pScanTimeout = new QSpinBox;
+    m_pScanTimeout->setRange(5, 5000);
+    m_pScanTimeout->setValue(static_cast<int>(CCanBusScan::kNodeTimeoutMs));
+    m_pScanTimeout->setSuffix(" ms");
+    auto* rangeRow = new QHBoxLayout;
+    rangeRow->addWidget(m_pScanFirst);
+    rangeRow->addWidget(new QLabel("to"));
+    rangeRow->addWidget(m_pScanLast);
+    rangeRow->addWidget(new QLabel("each within"));
+    rangeRow->addWidget(m_pScanTimeout);
+    rangeRow->addStretch(1);
+    canForm->addRow("Scan nodes:", rangeRow);
+    m_pScanButton = new QPushButton("&Scan Bus");
+    m_pScanProgress = new QProgressBar;
+    m_pScanProgress->setRange(0, kMaxNodeId);
+    m_pScanProgress->setValue(0);
+    m_pScanProgress->setFormat("node %v");
+    auto* scanRow = new QHBoxLayout;
+    scanRow->addWidget(m_pScanButton);
+    scanRow->addWidget(m_pScanProgress, 1);
+    canForm->addRow("Nodes on the bus:", scanRow);
+    m_pScanList = new QListWidget;
+    m_pScanList->setMinimumHeight(90);
+    canForm->addRow(m_pScanList);
+    connect(m_pScanButton, &QPushButton::clicked, this, &CConnectDialog::ScanCanBus);
+    connect(m_pScanList, &QListWidget::currentRowChanged, this, [this](int row) {
+        if (row >= 0)
+            m_pCanNode->setValue(m_pScanList->item(row)->data(Qt::UserRole).toInt());
+    });
+    connect(m_pScanList, &QListWidget::itemDoubleClicked, this, [this] { AcceptPage(); });
     connect(m_pCanAdapter, &QComboBox::currentTextChanged, this,
             [this](const QString& adapter) { m_pCanDevice->setText(adapter == "SLCAN" ? "/dev/ttyACM0" : "can0"); });
     m_pPages->addTab(can, "CAN");
@@ -148,6 +188,37 @@ CConnectDialog::CConnectDialog(QWidget* parent) : QDialog(parent)
     layout->addWidget(buttons);
     virtualButton->setDefault(true);
     virtualButton->setFocus();
+}
+
+CConnectDialog::~CConnectDialog()
+{
+    if (m_pScan)
+        m_pScan->AbortFlag() = 1;
+    if (m_Aside.joinable())
+        m_Aside.join();
+}
+
+QString CConnectDialog::ErrorText() const
+{
+    return m_pError->text();
+}
+
+void CConnectDialog::RunAside(std::function<void()> work, std::function<void()> done)
+{
+    if (m_Aside.joinable())
+        return;
+    QPointer<CConnectDialog> self(this);
+    m_Aside = std::thread([self, work = std::move(work), done = std::move(done)] {
+        work();
+        // The dialog joins this thread before it goes, so self is whole here;
+        // the queued call is dropped if the dialog goes before it runs.
+        QMetaObject::invokeMethod(self.data(), [self, done] {
+            if (!self)
+                return;
+            self->m_Aside.join();
+            done();
+        }, Qt::QueuedConnection);
+    });
 }
 
 bool CConnectDialog::Fail(const QString& text)
@@ -239,22 +310,83 @@ void CConnectDialog::AcceptPage()
 
 void CConnectDialog::ListNetworkDrives()
 {
-    std::shared_ptr<CNetDevice> device = CNetDevice::Get(m_pTcpHost->text().trimmed().toStdString(),
-                                                         static_cast<std::uint16_t>(m_pTcpPort->value()));
-    std::vector<NetDriveEntry> drives;
-    try {
-        if (!device->Connect(kListTimeoutMs) || !device->ListDrives(drives, kListTimeoutMs)) {
-            Fail(QString::fromStdString(CNetDevice::LastError()));
+    if (IsBusy())
+        return;
+    std::string host = m_pTcpHost->text().trimmed().toStdString();
+    auto port = static_cast<std::uint16_t>(m_pTcpPort->value());
+    auto drives = std::make_shared<std::vector<NetDriveEntry>>();
+    auto error = std::make_shared<std::string>();
+    m_pListButton->setEnabled(false);
+    Fail("Asking " + QString::fromStdString(host) + " for its drives...");
+    RunAside([host, port, drives, error] {
+        std::shared_ptr<CNetDevice> device = CNetDevice::Get(host, port);
+        try {
+            if (!device->Connect(kListTimeoutMs) || !device->ListDrives(*drives, kListTimeoutMs))
+                *error = CNetDevice::LastError();
+        } catch (CCommunication::CExceptionComm& e) {
+            *error = e.FillMessage();
+        }
+    }, [this, drives, error] {
+        m_pListButton->setEnabled(true);
+        if (!error->empty()) {
+            Fail(QString::fromStdString(*error));
             return;
         }
-    } catch (CCommunication::CExceptionComm& e) {
-        Fail(QString::fromStdString(e.FillMessage()));
+        m_pTcpTarget->clear();
+        for (const NetDriveEntry& drive : *drives)
+            m_pTcpTarget->addItem(QString::fromStdString(drive.sName));
+        Fail(drives->empty() ? "The network device lists no drive." : QString());
+    });
+}
+
+void CConnectDialog::ScanCanBus()
+{
+    if (m_pScan) {
+        m_pScan->AbortFlag() = 1;
         return;
     }
-    m_pTcpTarget->clear();
-    for (const NetDriveEntry& drive : drives)
-        m_pTcpTarget->addItem(QString::fromStdString(drive.sName));
-    Fail(drives.empty() ? "The network device lists no drive." : QString());
+    if (IsBusy())
+        return;
+    CanAdapterChoice choice;
+    std::string form = (m_pCanAdapter->currentText() == "SLCAN" ? "slcan:" : "socketcan:")
+        + m_pCanDevice->text().trimmed().toStdString();
+    if (!choice.FromName(form) || choice.sDevice.empty()) {
+        Fail("Name the adapter's serial device or CAN interface.");
+        return;
+    }
+    auto scan = std::make_shared<CCanBusScan>(choice, static_cast<std::uint8_t>(m_pCanBitRate->currentIndex()));
+    scan->SetRange(m_pScanFirst->value(), m_pScanLast->value());
+    scan->SetNodeTimeout(static_cast<std::uint32_t>(m_pScanTimeout->value()));
+    QPointer<CConnectDialog> self(this);
+    scan->SetProgress([self](int node) {
+        QMetaObject::invokeMethod(self.data(), [self, node] {
+            if (self)
+                self->m_pScanProgress->setValue(node);
+        }, Qt::QueuedConnection);
+    });
+    m_pScan = scan;
+    m_pScanList->clear();
+    m_pScanProgress->setRange(m_pScanFirst->value() - 1, m_pScanFirst->value() - 1 + scan->Nodes());
+    m_pScanProgress->setValue(m_pScanFirst->value() - 1);
+    m_pScanButton->setText("&Stop Scan");
+    Fail(QString::fromStdString("Scanning " + choice.Name() + "..."));
+    auto ok = std::make_shared<bool>(false);
+    RunAside([scan, ok] { *ok = scan->Run(); }, [this, scan, ok] {
+        m_pScan.reset();
+        m_pScanButton->setText("&Scan Bus");
+        for (const CanNodeFound& node : scan->Found()) {
+            auto* item = new QListWidgetItem(QString::fromStdString(CCanBusScan::Describe(node)), m_pScanList);
+            item->setData(Qt::UserRole, node.nNode);
+        }
+        if (!*ok)
+            Fail(QString::fromStdString(scan->Error()));
+        else if (scan->IsStopped())
+            Fail(QString("Scan stopped: %1 node(s) found.").arg(scan->Found().size()));
+        else
+            Fail(scan->Found().empty() ? "No node answered." : QString());
+        if (!scan->Found().empty())
+            m_pScanList->setCurrentRow(0);
+    });
 }
 
 } // namespace tessitor::gui

@@ -27,19 +27,29 @@ CDriveSession::CDriveSession(CConnectRequest request, CQtWindow* frame, QObject*
 CDriveSession::~CDriveSession()
 {
     StopWorker();
-    if (m_pLink) {
-        m_pLink->RemoveListenerCom(this);
-        if (m_pLink->IsConnected())
-            m_pLink->Disconnect();
+    // A connect under way ends within the link's time-outs.
+    if (m_Connector.joinable())
+        m_Connector.join();
+    for (std::unique_ptr<CCommunication>* link : {&m_pLink, &m_pConnectedLink}) {
+        if (!*link)
+            continue;
+        (*link)->RemoveListenerCom(this);
+        if ((*link)->IsConnected())
+            (*link)->Disconnect();
     }
 }
 
-std::string CDriveSession::Connect()
+void CDriveSession::Connect()
 {
+    if (m_bConnected || m_bConnecting)
+        return;
     StopWorker();
+    if (m_Connector.joinable())
+        m_Connector.join();
     if (m_pLink)
         m_pLink->RemoveListenerCom(this);
     m_pLink.reset();
+    m_bConnecting = true;
 
     LinkOptions options = m_Request.options;
     if (m_Request.bVirtual) {
@@ -51,31 +61,69 @@ std::string CDriveSession::Connect()
             m_pVirtualServer = std::make_shared<sim::CSimSerialServer>(m_pVirtualDrive);
             m_pVirtualServer->Start();
         } catch (const std::exception& e) {
-            return std::string("Create Communication Device Fault. ") + e.what();
+            m_sConnectError = std::string("Create Communication Device Fault. ") + e.what();
+            QMetaObject::invokeMethod(this, [this] { ConnectDone(); }, Qt::QueuedConnection);
+            return;
         }
         options.sSerialPath = m_pVirtualServer->SlavePath();
     }
 
-    try {
-        m_pLink = CreateLink(m_Request.info, options);
-        if (int error = m_pLink->Connect())
-            return ConnectFaultText(*m_pLink, error);
-        m_pLink->Identify();
-    } catch (CCommunication::CExceptionComm& e) {
-        if (m_pLink && m_pLink->IsConnected())
-            m_pLink->Disconnect();
-        return e.FillMessage();
+    m_Connector = std::thread([this, info = m_Request.info, options, bRemember = !m_Request.bVirtual] {
+        pthread_setname_np(pthread_self(), kConnectThreadName);
+        std::unique_ptr<CCommunication> link;
+        std::string error;
+        try {
+            link = CreateLink(info, options);
+            if (int result = link->Connect()) {
+                error = ConnectFaultText(*link, result);
+            } else {
+                link->Identify();
+                // An open port with nothing answering behind it is no drive.
+                if (!link->IsIdentified())
+                    error = CCommunication::CExceptionComm(COM_TIMEOUT, link.get(), kErrSrcTransport).FillMessage()
+                        + "\n" + link->DeviceName() + ": no answer to \"VR\".";
+            }
+        } catch (CCommunication::CExceptionComm& e) {
+            error = e.FillMessage();
+        }
+        if (!error.empty() && link && link->IsConnected())
+            link->Disconnect();
+        std::string saveError;
+        if (error.empty() && bRemember && !SaveLastConnection(info, options, saveError))
+            Trace::Printf("CDriveSession::Connect: %s\n", saveError.c_str());
+        {
+            std::lock_guard lock(m_csJobs);
+            m_sConnectError = error;
+            if (error.empty())
+                m_pConnectedLink = std::move(link);
+        }
+        QMetaObject::invokeMethod(this, [this] { ConnectDone(); }, Qt::QueuedConnection);
+    });
+}
+
+void CDriveSession::ConnectDone()
+{
+    if (m_Connector.joinable())
+        m_Connector.join();
+    std::string error;
+    {
+        std::lock_guard lock(m_csJobs);
+        error = std::move(m_sConnectError);
+        m_sConnectError.clear();
+        m_pLink = std::move(m_pConnectedLink);
+    }
+    m_bConnecting = false;
+    if (!m_pLink) {
+        emit ConnectFinished(QString::fromStdString(error));
+        return;
     }
     m_pLink->AddListenerCom(this);
-
-    std::string error;
-    if (!m_Request.bVirtual && !SaveLastConnection(m_Request.info, options, error))
-        Trace::Printf("CDriveSession::Connect: %s\n", error.c_str());
     m_bConnected = true;
+    m_bWasConnected = true;
     m_bPollSuspended = false;
     StartWorker();
     emit ConnectedChanged(true);
-    return {};
+    emit ConnectFinished({});
 }
 
 void CDriveSession::Disconnect()

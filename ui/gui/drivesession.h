@@ -47,8 +47,9 @@ public:
     static constexpr std::chrono::milliseconds kDefaultPollInterval{500};
     /// Shown where a command is refused because an earlier failure broke the link.
     static constexpr char kBrokenLinkText[] = "The link is broken: reconnect the drive.";
-    /// Name of the worker thread.
+    /// Names of the worker thread and of the connect thread.
     static constexpr char kThreadName[] = "DriveWorker";
+    static constexpr char kConnectThreadName[] = "DriveConnect";
 
     /// True when e is the drive refusing a command (its error text), not a
     /// failure of the link.
@@ -59,13 +60,19 @@ public:
     /// Ends the worker and closes the link.
     ~CDriveSession() override;
 
-    /// Opens the link (starting the virtual drive first), identifies the
-    /// drive and starts the worker; on success stores the connection as the
-    /// last one (not for the virtual drive). Empty, or why it failed.
-    std::string Connect();
+    /// Starts the virtual drive (when that is what was asked), then opens
+    /// the link and identifies the drive on a thread of its own
+    /// ("DriveConnect"), so a port or host that does not answer never holds
+    /// the GUI up; on success stores the connection as the last one (not for
+    /// the virtual drive). ConnectFinished tells the outcome. Nothing is done
+    /// while connected or connecting.
+    void Connect();
     /// Closes the link on the worker after the jobs already posted.
     void Disconnect();
     bool IsConnected() const { return m_bConnected; }
+    bool IsConnecting() const { return m_bConnecting; }
+    /// True once a connect succeeded.
+    bool WasConnected() const { return m_bWasConnected; }
 
     /// "Talvina 1.5.2.0 - /dev/pts/4" once identified, else the descriptor.
     QString Title() const;
@@ -94,6 +101,8 @@ signals:
     void StatusRead(long sr);
     /// The link opened or closed.
     void ConnectedChanged(bool connected);
+    /// A connect ended: error is empty, or why it failed in the system's words.
+    void ConnectFinished(const QString& error);
 
 private:
     void StartWorker();
@@ -103,6 +112,8 @@ private:
     void RunJob(const Job& job, bool bResumesPolling);
     void Poll();
     void LinkWentDown();
+    /// Takes over what the connect thread left, on the GUI thread.
+    void ConnectDone();
 
     CConnectRequest m_Request;
     CQtWindow* m_pFrame;
@@ -110,6 +121,11 @@ private:
     std::shared_ptr<sim::CSimSerialServer> m_pVirtualServer;
     std::unique_ptr<CCommunication> m_pLink;
     bool m_bConnected = false;
+    bool m_bConnecting = false;
+    bool m_bWasConnected = false;
+    std::thread m_Connector;
+    std::unique_ptr<CCommunication> m_pConnectedLink; // left by the connect thread, under m_csJobs
+    std::string m_sConnectError;                      // likewise
     long m_nLastStatus = -1;
 
     std::mutex m_csJobs;

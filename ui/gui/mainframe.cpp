@@ -10,6 +10,7 @@
 #include <QStatusBar>
 #include <QToolBar>
 #include <QTreeWidget>
+#include <algorithm>
 
 #include "communication/drivestatus.h"
 #include "core/ui.h"
@@ -125,10 +126,8 @@ CMainFrame::~CMainFrame()
 void CMainFrame::ConnectDialog()
 {
     CConnectDialog dialog(this);
-    if (dialog.exec() == QDialog::Accepted) {
-        if (CDriveSession* session = OpenDrive(dialog.Request()))
-            ShowChild(session, kTerminal);
-    }
+    if (dialog.exec() == QDialog::Accepted)
+        OpenDrive(dialog.Request());
 }
 
 CDriveSession* CMainFrame::OpenVirtualDrive(const std::string& product)
@@ -137,24 +136,13 @@ CDriveSession* CMainFrame::OpenVirtualDrive(const std::string& product)
     request.bVirtual = true;
     request.sProduct = product;
     request.info.wBaudRate = 115200;
-    CDriveSession* session = OpenDrive(request);
-    if (session)
-        ShowChild(session, kTerminal);
-    return session;
+    return OpenDrive(request);
 }
 
 CDriveSession* CMainFrame::OpenDrive(const CConnectRequest& request)
 {
-    auto session = std::make_unique<CDriveSession>(request, m_pFrameWindow);
-    QApplication::setOverrideCursor(Qt::WaitCursor);
-    std::string error = session->Connect();
-    QApplication::restoreOverrideCursor();
-    if (!error.empty()) {
-        Ui::Current().MessageBox(m_pFrameWindow, error, kConnectFaultCaption, MB_OK | MB_ICONSTOP);
-        return nullptr;
-    }
-    CDriveSession* raw = session.get();
-    m_arSessions.push_back(std::move(session));
+    m_arSessions.push_back(std::make_unique<CDriveSession>(request, m_pFrameWindow));
+    CDriveSession* raw = m_arSessions.back().get();
 
     auto* item = new QTreeWidgetItem(m_pTree);
     item->setData(0, kSessionRole, QVariant::fromValue(raw));
@@ -170,20 +158,49 @@ CDriveSession* CMainFrame::OpenDrive(const CConnectRequest& request)
         UpdateItem(raw);
         statusBar()->showMessage(raw->Title() + (connected ? ": connected" : ": disconnected"));
     });
+    // Queued: the handler may close the session that emits it.
+    connect(raw, &CDriveSession::ConnectFinished, this,
+            [this, raw](const QString& error) { ConnectFinished(raw, error); }, Qt::QueuedConnection);
+    raw->Connect();
     UpdateItem(raw);
-    statusBar()->showMessage(raw->Title() + ": connected");
+    statusBar()->showMessage(raw->Title() + ": connecting...");
     return raw;
+}
+
+void CMainFrame::ConnectFinished(CDriveSession* session, const QString& error)
+{
+    if (auto closing = std::find(m_arClosing.begin(), m_arClosing.end(), session); closing != m_arClosing.end()) {
+        m_arClosing.erase(closing);
+        std::erase_if(m_arSessions, [session](const auto& owned) { return owned.get() == session; });
+        return;
+    }
+    if (!Owns(session))
+        return;
+    UpdateItem(session);
+    if (!error.isEmpty()) {
+        statusBar()->showMessage(session->Title() + ": not connected");
+        Ui::Current().MessageBox(m_pFrameWindow, error.toStdString(), kConnectFaultCaption, MB_OK | MB_ICONSTOP);
+        // A drive that never opened leaves no trace; one that did stays, to be reconnected.
+        if (!session->WasConnected() && Owns(session))
+            CloseDrive(session);
+        return;
+    }
+    statusBar()->showMessage(session->Title() + ": connected");
+    if (!m_arChildren.count({session, kTerminal}))
+        ShowChild(session, kTerminal);
+}
+
+bool CMainFrame::Owns(CDriveSession* session) const
+{
+    return std::any_of(m_arSessions.begin(), m_arSessions.end(),
+                       [session](const auto& owned) { return owned.get() == session; });
 }
 
 void CMainFrame::Reconnect(CDriveSession* session)
 {
-    if (session->IsConnected())
+    if (session->IsConnected() || session->IsConnecting())
         return;
-    QApplication::setOverrideCursor(Qt::WaitCursor);
-    std::string error = session->Connect();
-    QApplication::restoreOverrideCursor();
-    if (!error.empty())
-        Ui::Current().MessageBox(m_pFrameWindow, error, kConnectFaultCaption, MB_OK | MB_ICONSTOP);
+    session->Connect();
     UpdateItem(session);
 }
 
@@ -198,6 +215,11 @@ void CMainFrame::CloseDrive(CDriveSession* session)
         }
     }
     delete ItemOf(session);
+    if (session->IsConnecting()) {
+        // Its connect thread holds on to it until the link's time-outs end.
+        m_arClosing.push_back(session);
+        return;
+    }
     std::erase_if(m_arSessions, [session](const auto& owned) { return owned.get() == session; });
 }
 
@@ -223,13 +245,13 @@ void CMainFrame::UpdateItem(CDriveSession* session)
     if (!item)
         return;
     item->setText(0, session->Title());
-    QString state = session->IsConnected() ? "connected" : "disconnected";
+    QString state = session->IsConnecting() ? "connecting..." : session->IsConnected() ? "connected" : "disconnected";
     if (session->IsConnected() && session->LastStatus() >= 0) {
         auto sr = static_cast<unsigned long>(session->LastStatus());
         state += ", " + QString::fromStdString(CDriveStatus::Decode(sr).Text());
     }
     item->setText(1, state);
-    item->setForeground(1, session->IsConnected() ? palette().text() : QBrush(Qt::red));
+    item->setForeground(1, session->IsConnected() || session->IsConnecting() ? palette().text() : QBrush(Qt::red));
 }
 
 QWidget* CMainFrame::ShowChild(CDriveSession* session, ChildKind kind)

@@ -29,14 +29,17 @@ public:
     CMainFrame();
     ~CMainFrame() override;
 
-    /// Opens a drive as request says; the new session, or null after the
-    /// failure was shown.
+    /// Opens a drive as request says: the new session, in the tree as
+    /// "connecting..." while its link opens on a thread of its own. Once
+    /// connected its terminal opens; a failure is shown in the
+    /// "Communication Device Error" box and the drive leaves the tree.
     CDriveSession* OpenDrive(const CConnectRequest& request);
-    /// Opens the embedded virtual drive of product and its terminal.
+    /// Opens the embedded virtual drive of product (and then its terminal).
     CDriveSession* OpenVirtualDrive(const std::string& product = "Talvina");
     /// The window of kind for session, opened (or brought forward) now.
     QWidget* ShowChild(CDriveSession* session, ChildKind kind);
-    /// Closes session's windows and the session.
+    /// Closes session's windows and the session; one still connecting
+    /// leaves the tree now and goes when its connect has ended.
     void CloseDrive(CDriveSession* session);
 
     const std::vector<std::unique_ptr<CDriveSession>>& Sessions() const { return m_arSessions; }
@@ -48,6 +51,8 @@ public:
 private:
     void ConnectDialog();
     void Reconnect(CDriveSession* session);
+    void ConnectFinished(CDriveSession* session, const QString& error);
+    bool Owns(CDriveSession* session) const;
     CDriveSession* CurrentSession() const;
     void UpdateItem(CDriveSession* session);
     QTreeWidgetItem* ItemOf(CDriveSession* session) const;
@@ -58,6 +63,7 @@ private:
     CQtWindow* m_pFrameWindow;
     std::vector<std::unique_ptr<CDriveSession>> m_arSessions;
     std::map<std::pair<CDriveSession*, int>, QMdiSubWindow*> m_arChildren;
+    std::vector<CDriveSession*> m_arClosing; // closed while connecting
 };
 
 } // namespace tessitor::gui
