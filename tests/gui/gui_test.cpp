@@ -187,6 +187,26 @@ private slots:
         QVERIFY(boxes.m_arSeen[0].startsWith("Tessitor|Some of the Tessitor's features might not be supported"));
     }
 
+    void NetworkDeviceListsItsDrivesAside()
+    {
+        CBackgroundProcess device({TessitorPath(), "sim", "--tcp", "0"});
+        const QString where = QString::fromStdString(device.FirstLine());
+        QVERIFY2(where.startsWith("127.0.0.1:"), qPrintable(where));
+        CConnectDialog dialog(m_pFrame.get());
+        dialog.show();
+        dialog.Pages()->setCurrentIndex(1);
+        dialog.TcpPortBox()->setValue(where.section(':', 1).toInt());
+        dialog.TcpTargetBox()->clear();
+
+        dialog.ListButton()->click();
+
+        QVERIFY(dialog.IsBusy() || dialog.TcpTargetBox()->count() > 0);
+        QTRY_VERIFY_WITH_TIMEOUT(!dialog.IsBusy(), kWaitMs);
+        QCOMPARE(dialog.ErrorText(), QString());
+        QCOMPARE(dialog.TcpTargetBox()->itemText(0), QString("RS232 Port 1"));
+        Shoot(&dialog, "connect-tcp");
+    }
+
     void ScopeRecordsAMoveAndPlotsTheFilesData()
     {
         QTemporaryDir folder;

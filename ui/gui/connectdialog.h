@@ -46,6 +46,11 @@ public:
     /// The pages and their fields, for tests and scripts.
     QTabWidget* Pages() const { return m_pPages; }
     QComboBox* SerialPortBox() const { return m_pSerialPort; }
+    QLineEdit* TcpHostEdit() const { return m_pTcpHost; }
+    QSpinBox* TcpPortBox() const { return m_pTcpPort; }
+    /// The drive on the network device; List Drives fills it.
+    QComboBox* TcpTargetBox() const { return m_pTcpTarget; }
+    QPushButton* ListButton() const { return m_pListButton; }
     QComboBox* CanAdapterBox() const { return m_pCanAdapter; }
     QLineEdit* CanDeviceEdit() const { return m_pCanDevice; }
     QSpinBox* CanNodeBox() const { return m_pCanNode; }
