@@ -3,6 +3,7 @@
 // same drive model behind a serial and a CAN face at once for "same values".
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <thread>
 
@@ -92,6 +93,39 @@ TEST_F(CanSim, SdoCommandsReadWriteAndReportAbortsAndSilence)
     EXPECT_EQ(silent.nStatus, 1);
     EXPECT_EQ(silent.sErr, "Time Out Waiting for Response from Controller\n");
     EXPECT_EQ(bus.Stop(SIGINT), 0);
+}
+
+TEST_F(CanSim, TwoLinksShareOneAdapterAndNeverMixTheirNodesAnswers)
+{
+    sim::CSimSlcanServer bus;
+    bus.AddNode(std::make_shared<sim::CSimDrive>("Talvina"), 5);
+    bus.AddNode(std::make_shared<sim::CSimDrive>("Bressa"), 6);
+    bus.Start();
+    CCan node5(SlcanInfo(bus.SlavePath(), 5)), node6(SlcanInfo(bus.SlavePath(), 6));
+    ASSERT_EQ(node5.Connect(), 0) << node5.GetConnectError();
+    ASSERT_EQ(node6.Connect(), 0) << node6.GetConnectError() << " (the second link shares the open adapter)";
+
+    // Segmented uploads of both nodes at once, their frames interleaved on the bus.
+    std::atomic<int> mixed{0};
+    auto run = [&mixed](CCan& link, const std::string& name) {
+        for (int i = 0; i < 50; ++i) {
+            std::string value;
+            try {
+                link.SdoUpload(0x1008, 0, value, 10000);
+            } catch (const CCommunication::CExceptionComm&) {
+            }
+            mixed += value != name;
+        }
+    };
+    std::thread other([&] { run(node6, "Bressa"); });
+    run(node5, "Talvina");
+    other.join();
+
+    EXPECT_EQ(mixed, 0);
+    node5.Disconnect();
+    std::string value;
+    node6.SdoUpload(0x1008, 0, value, 10000);
+    EXPECT_EQ(value, "Bressa") << "the adapter stays open for the other link";
 }
 
 TEST_F(CanSim, DumpTraceAndLastShowAndReachTheBus)

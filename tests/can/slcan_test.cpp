@@ -1,8 +1,8 @@
-// The SLCAN adapter against a scripted USB-CAN stick on a pseudo-terminal,
-// its line codec, and the CAN link over it.
+// The SLCAN adapter against a scripted USB-CAN stick on a pseudo-terminal
+// (answers a real adapter gives and the virtual bus does not), its line
+// codec, the choice of adapter, and the CANopen reading of frames.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cerrno>
 #include <filesystem>
 #include <fcntl.h>
@@ -13,11 +13,9 @@
 
 #include "can/adapter/slcanadapter.h"
 #include "can/adapter/slcancodec.h"
-#include "can/can.h"
 #include "can/canadapterchoice.h"
 #include "can/canopenreading.h"
 #include "core/settings.h"
-#include "tests/can/scriptedcan.h"
 #include "tests/support/scriptedpeer.h"
 
 using namespace tessitor;
@@ -40,15 +38,6 @@ void ServeStick(CScriptedPeer& peer, std::function<std::string(const CanFrame&)>
             return "z\r" + respond(frame);
         return line == "\r" ? "" : "\r";
     });
-}
-
-// Two SDO servers behind one stick: nodes 5 and 6 answer an upload of any
-// object with their own node id, expedited.
-std::string TwoNodes(const CanFrame& request)
-{
-    std::uint32_t node = request.nId & kCobNodeMask;
-    return slcan::EncodeFrame(Frame(kCobSdoResponse + node, {0x4F, request.abData[1], request.abData[2],
-                                                             request.abData[3], static_cast<std::uint8_t>(node)}));
 }
 
 } // namespace
@@ -151,34 +140,6 @@ TEST(SlcanAdapter, MissingDeviceAndVanishingDeviceAreReported)
     CanFrame frame;
     EXPECT_EQ(adapter.ReceiveFrame(kCobSdoResponse, 5, frame, 20000), COM_READ_ERROR);
     EXPECT_FALSE(adapter.IsOpen());
-}
-
-TEST(SlcanAdapter, TwoNodesOnOneStickShareItAndNeverMixTheirAnswers)
-{
-    CScriptedPeer stick;
-    ServeStick(stick, TwoNodes);
-    CCan node5(SlcanInfo(stick.Path(), 5)), node6(SlcanInfo(stick.Path(), 6));
-    ASSERT_EQ(node5.Connect(), 0) << node5.GetConnectError();
-    ASSERT_EQ(node6.Connect(), 0) << node6.GetConnectError() << " (the second link shares the open stick)";
-
-    std::atomic<int> mixed{0};
-    auto run = [&mixed](CCan& link) {
-        for (int i = 0; i < 50; ++i) {
-            std::string value;
-            link.SdoUpload(0x1000, 0, value, 10000);
-            if (value != std::string(1, static_cast<char>(link.NodeId())))
-                ++mixed;
-        }
-    };
-    std::thread other([&] { run(node6); });
-    run(node5);
-    other.join();
-
-    EXPECT_EQ(mixed, 0);
-    node5.Disconnect();
-    std::string value;
-    node6.SdoUpload(0x1000, 0, value, 10000);
-    EXPECT_EQ(value, "\x06") << "the stick stays open for the other link";
 }
 
 TEST(CanAdapterChoice, DescriptorNamesTheAdapterAndLongPathsGoThroughTheBoardMap)
