@@ -18,6 +18,10 @@
 #include "ui/cli/connectionoptions.h"
 #include "ui/cli/signalthread.h"
 
+namespace tessitor {
+struct CanAdapterChoice;
+}
+
 namespace tessitor::cli {
 
 /// What a command takes from the connection options.
@@ -96,6 +100,9 @@ void RegisterSimCommand(CLI::App& app, CCliContext& context);
 void RegisterDemoCommand(CLI::App& app, CCliContext& context);
 void RegisterSdoCommand(CLI::App& app, CCliContext& context);
 void RegisterCanCommand(CLI::App& app, CCliContext& context);
+/// `can scan`, with the CAN options' readings of --can and --bitrate.
+void RegisterCanScanCommand(CLI::App& can, CCliContext& context, CanAdapterChoice (*parseCan)(const std::string&),
+                            std::uint8_t (*bitRateIndex)(unsigned));
 void RegisterAppCommand(CLI::App& app, CCliContext& context);
 void RegisterRecordCommand(CLI::App& app, CCliContext& context);
 

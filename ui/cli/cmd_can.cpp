@@ -144,6 +144,7 @@ void RegisterCanCommand(CLI::App& app, CCliContext& context)
         adapter->Close();
         return 0;
     }, CommandUse::kConnection);
+    RegisterCanScanCommand(*can, context, ParseCan, BitRateIndex);
 }
 
 } // namespace tessitor::cli
