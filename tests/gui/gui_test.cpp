@@ -39,6 +39,8 @@ namespace {
 
 // Generous: several builds share this machine's two cores.
 constexpr int kWaitMs = 20000;
+// A connect to a port with no drive lasts the link's identify attempts.
+constexpr int kConnectWaitMs = 60000;
 
 } // namespace
 
@@ -121,28 +123,34 @@ private slots:
 
     void ConnectingKeepsTheWindowAnsweringAndAFailureIsOneBox()
     {
-        CScriptedPeer silent; // a port with no drive behind it
-        silent.SetHandler([](const std::string&) { return std::string(); });
+        // Two ports with no drive behind them: the link asks "VR" for several
+        // seconds on each. The second is closed while it connects.
+        CScriptedPeer silent, closed;
+        for (CScriptedPeer* peer : {&silent, &closed})
+            peer->SetHandler([](const std::string&) { return std::string(); });
         CConnectRequest request;
         request.info.m_sCommType = "RS_232";
-        request.options.sSerialPath = silent.Path();
         request.options.nTimeoutMs = 300;
         CBoxWatcher boxes(QMessageBox::Ok, "connect-failed");
         int ticks = 0;
         QTimer clock;
         clock.start(20);
 
+        request.options.sSerialPath = silent.Path();
         CDriveSession* session = m_pFrame->OpenDrive(request);
+        request.options.sSerialPath = closed.Path();
+        m_pFrame->CloseDrive(m_pFrame->OpenDrive(request));
         connect(&clock, &QTimer::timeout, [&] { ticks += session->IsConnecting() ? 1 : 0; });
 
+        QCOMPARE(m_pFrame->DriveTree()->topLevelItemCount(), 1);
         QCOMPARE(m_pFrame->DriveTree()->topLevelItem(0)->text(1), QString("connecting..."));
-        QTRY_COMPARE_WITH_TIMEOUT(boxes.m_arSeen.size(), 1, kWaitMs);
+        QTRY_COMPARE_WITH_TIMEOUT(boxes.m_arSeen.size(), 1, kConnectWaitMs);
         QVERIFY2(ticks >= 5, "the event loop ran while the port was asked");
         QVERIFY2(boxes.m_arSeen[0].startsWith("Communication Device Error|"), qPrintable(boxes.m_arSeen[0]));
         QVERIFY2(boxes.m_arSeen[0].endsWith(silent.Path().c_str() + QString(": no answer to \"VR\".")),
                  qPrintable(boxes.m_arSeen[0]));
         QTRY_COMPARE_WITH_TIMEOUT(m_pFrame->DriveTree()->topLevelItemCount(), 0, kWaitMs);
-        QCOMPARE(m_pFrame->Sessions().size(), std::size_t(0));
+        QTRY_COMPARE_WITH_TIMEOUT(m_pFrame->Sessions().size(), std::size_t(0), kConnectWaitMs);
         QCOMPARE(boxes.m_arSeen.size(), 1);
     }
 

@@ -3,6 +3,7 @@
 #include <QComboBox>
 #include <QDialogButtonBox>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QFormLayout>
 #include <QGroupBox>
@@ -41,10 +42,16 @@ QStringList CConnectDialog::SerialPorts()
     for (const QFileInfo& link : QDir("/dev/serial/by-id").entryInfoList(QDir::System | QDir::Files))
         ports << link.absoluteFilePath();
     // A tty with a device link is a real port; the kernel's virtual
-    // consoles have none.
-    for (const QString& name : QDir("/sys/class/tty").entryList(QDir::Dirs | QDir::System | QDir::NoDotAndDotDot))
-        if (QFileInfo::exists("/sys/class/tty/" + name + "/device") && QFileInfo::exists("/dev/" + name))
+    // consoles have none. The 8250 driver makes ttyS ports for UARTs that
+    // are not there: their type is 0.
+    for (const QString& name : QDir("/sys/class/tty").entryList(QDir::Dirs | QDir::System | QDir::NoDotAndDotDot)) {
+        const QString sys = "/sys/class/tty/" + name;
+        QFile type(sys + "/type");
+        if (type.open(QIODevice::ReadOnly) && type.readAll().trimmed() == "0")
+            continue;
+        if (QFileInfo::exists(sys + "/device") && QFileInfo::exists("/dev/" + name))
             ports << "/dev/" + name;
+    }
     return ports;
 }
 

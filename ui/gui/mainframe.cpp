@@ -158,9 +158,8 @@ CDriveSession* CMainFrame::OpenDrive(const CConnectRequest& request)
         UpdateItem(raw);
         statusBar()->showMessage(raw->Title() + (connected ? ": connected" : ": disconnected"));
     });
-    // Queued: the handler may close the session that emits it.
     connect(raw, &CDriveSession::ConnectFinished, this,
-            [this, raw](const QString& error) { ConnectFinished(raw, error); }, Qt::QueuedConnection);
+            [this, raw](const QString& error) { ConnectFinished(raw, error); });
     raw->Connect();
     UpdateItem(raw);
     statusBar()->showMessage(raw->Title() + ": connecting...");
@@ -169,20 +168,26 @@ CDriveSession* CMainFrame::OpenDrive(const CConnectRequest& request)
 
 void CMainFrame::ConnectFinished(CDriveSession* session, const QString& error)
 {
+    // This runs inside the session's own signal: a session to close goes
+    // once that has returned.
+    auto closeLater = [this, session] {
+        QMetaObject::invokeMethod(this, [this, session] {
+            if (Owns(session))
+                CloseDrive(session);
+        }, Qt::QueuedConnection);
+    };
     if (auto closing = std::find(m_arClosing.begin(), m_arClosing.end(), session); closing != m_arClosing.end()) {
         m_arClosing.erase(closing);
-        std::erase_if(m_arSessions, [session](const auto& owned) { return owned.get() == session; });
+        closeLater();
         return;
     }
-    if (!Owns(session))
-        return;
     UpdateItem(session);
     if (!error.isEmpty()) {
         statusBar()->showMessage(session->Title() + ": not connected");
         Ui::Current().MessageBox(m_pFrameWindow, error.toStdString(), kConnectFaultCaption, MB_OK | MB_ICONSTOP);
         // A drive that never opened leaves no trace; one that did stays, to be reconnected.
-        if (!session->WasConnected() && Owns(session))
-            CloseDrive(session);
+        if (!session->WasConnected())
+            closeLater();
         return;
     }
     statusBar()->showMessage(session->Title() + ": connected");
