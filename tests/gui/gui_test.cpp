@@ -1,17 +1,19 @@
 // The GUI against the virtual drive: the windows a user opens, the replies
-// they show, and a drive that stops answering.
+// they show, a drive that stops answering, connecting to ports that do not
+// answer, and the connection dialog asking a network device and a CAN bus.
 #include <QAction>
+#include <QLineEdit>
 #include <QListWidget>
 #include <QMessageBox>
+#include <QPointer>
+#include <QProcess>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QSpinBox>
-#include <QLineEdit>
 #include <QTabWidget>
-#include <QProcess>
+#include <QTableWidget>
 #include <QTemporaryDir>
 #include <QTest>
-#include <QTableWidget>
 #include <QTreeWidget>
 
 #include "sim/simserialserver.h"
@@ -19,12 +21,12 @@
 #include "tests/support/backgroundprocess.h"
 #include "tests/support/process.h"
 #include "tests/support/scriptedpeer.h"
-#include "ui/gui/connectdialog.h"
 #include "ui/gui/applicationswindow.h"
+#include "ui/gui/connectdialog.h"
 #include "ui/gui/mainframe.h"
-#include "ui/gui/qtui.h"
 #include "ui/gui/monitorwindow.h"
 #include "ui/gui/parameterswindow.h"
+#include "ui/gui/qtui.h"
 #include "ui/gui/scopeview.h"
 #include "ui/gui/scopewindow.h"
 #include "ui/gui/terminalwindow.h"
@@ -140,7 +142,8 @@ private slots:
         CDriveSession* session = m_pFrame->OpenDrive(request);
         request.options.sSerialPath = closed.Path();
         m_pFrame->CloseDrive(m_pFrame->OpenDrive(request));
-        connect(&clock, &QTimer::timeout, [&] { ticks += session->IsConnecting() ? 1 : 0; });
+        QPointer<CDriveSession> watched(session); // gone once the failure was shown
+        connect(&clock, &QTimer::timeout, [&] { ticks += watched && watched->IsConnecting() ? 1 : 0; });
 
         QCOMPARE(m_pFrame->DriveTree()->topLevelItemCount(), 1);
         QCOMPARE(m_pFrame->DriveTree()->topLevelItem(0)->text(1), QString("connecting..."));
