@@ -228,6 +228,18 @@ void CConnectDialog::RunAside(std::function<void()> work, std::function<void()> 
     });
 }
 
+std::optional<CanAdapterChoice> CConnectDialog::ChosenCanAdapter()
+{
+    CanAdapterChoice choice;
+    std::string form = (m_pCanAdapter->currentText() == "SLCAN" ? "slcan:" : "socketcan:")
+        + m_pCanDevice->text().trimmed().toStdString();
+    if (!choice.FromName(form) || choice.sDevice.empty()) {
+        Fail("Name the adapter's serial device or CAN interface.");
+        return std::nullopt;
+    }
+    return choice;
+}
+
 bool CConnectDialog::Fail(const QString& text)
 {
     m_pError->setText(text);
@@ -297,18 +309,14 @@ void CConnectDialog::AcceptPage()
         options.sTcpHost = m_pTcpHost->text().trimmed().toStdString();
         options.wTcpPort = static_cast<std::uint16_t>(m_pTcpPort->value());
     } else {
-        CanAdapterChoice choice;
-        std::string form = (m_pCanAdapter->currentText() == "SLCAN" ? "slcan:" : "socketcan:")
-            + m_pCanDevice->text().trimmed().toStdString();
-        if (!choice.FromName(form) || choice.sDevice.empty()) {
-            Fail("Name the adapter's serial device or CAN interface.");
+        std::optional<CanAdapterChoice> choice = ChosenCanAdapter();
+        if (!choice)
             return;
-        }
         Settings settings = Settings::User();
         info.m_sCommType = "CAN";
         info.mNodeID = static_cast<std::uint8_t>(m_pCanNode->value());
         info.mBaudRateIndex = static_cast<std::uint8_t>(m_pCanBitRate->currentIndex());
-        SetCanAdapter(info, choice, settings);
+        SetCanAdapter(info, *choice, settings);
         // A device path too long for the descriptor got a board key: keep it.
         settings.Save();
     }
@@ -354,14 +362,10 @@ void CConnectDialog::ScanCanBus()
     }
     if (IsBusy())
         return;
-    CanAdapterChoice choice;
-    std::string form = (m_pCanAdapter->currentText() == "SLCAN" ? "slcan:" : "socketcan:")
-        + m_pCanDevice->text().trimmed().toStdString();
-    if (!choice.FromName(form) || choice.sDevice.empty()) {
-        Fail("Name the adapter's serial device or CAN interface.");
+    std::optional<CanAdapterChoice> choice = ChosenCanAdapter();
+    if (!choice)
         return;
-    }
-    auto scan = std::make_shared<CCanBusScan>(choice, static_cast<std::uint8_t>(m_pCanBitRate->currentIndex()));
+    auto scan = std::make_shared<CCanBusScan>(*choice, static_cast<std::uint8_t>(m_pCanBitRate->currentIndex()));
     scan->SetRange(m_pScanFirst->value(), m_pScanLast->value());
     scan->SetNodeTimeout(static_cast<std::uint32_t>(m_pScanTimeout->value()));
     QPointer<CConnectDialog> self(this);
@@ -376,7 +380,7 @@ void CConnectDialog::ScanCanBus()
     m_pScanProgress->setRange(m_pScanFirst->value() - 1, m_pScanFirst->value() - 1 + scan->Nodes());
     m_pScanProgress->setValue(m_pScanFirst->value() - 1);
     m_pScanButton->setText("&Stop Scan");
-    Fail(QString::fromStdString("Scanning " + choice.Name() + "..."));
+    Fail(QString::fromStdString("Scanning " + choice->Name() + "..."));
     auto ok = std::make_shared<bool>(false);
     RunAside([scan, ok] { *ok = scan->Run(); }, [this, scan, ok] {
         m_pScan.reset();

@@ -10,8 +10,10 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <thread>
 
+#include "can/canadapterchoice.h"
 #include "ui/gui/drivesession.h"
 
 class QComboBox;
@@ -75,6 +77,8 @@ private:
     /// Starts the CAN bus scan, or stops the one under way.
     void ScanCanBus();
     bool Fail(const QString& text);
+    /// The adapter the CAN page names; nothing (and the error shown) when none.
+    std::optional<CanAdapterChoice> ChosenCanAdapter();
     /// Runs work on the dialog's thread, then done on the GUI thread (not
     /// when the dialog has gone); one at a time.
     void RunAside(std::function<void()> work, std::function<void()> done);
