@@ -1,8 +1,13 @@
 #include "applicationeditor/openexistapp.h"
 
+#include <sched.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <memory>
 #include <stdexcept>
 #include <thread>
@@ -12,6 +17,7 @@
 #include "applicationeditor/datfile.h"
 #include "applicationeditor/nolbremethods.h"
 #include "applicationeditor/versiondb.h"
+#include "core/settings.h"
 #include "core/strformat.h"
 #include "core/trace.h"
 #include "core/ui.h"
@@ -38,6 +44,48 @@ std::string Extension(const std::string& path)
     return ext;
 }
 
+// The program download runs in the user-program folder, and goes back where
+// it was afterwards. The change is the calling thread's alone: the thread
+// first takes its own copy of the folder state (unshare CLONE_FS), so the
+// GUI's other threads never see their working folder move.
+class CWorkingFolder {
+public:
+    explicit CWorkingFolder(const std::string& folder)
+    {
+        if (folder.empty())
+            return;
+        thread_local bool ownFolderState = false;
+        if (!ownFolderState) {
+            if (::unshare(CLONE_FS) != 0) {
+                Trace::Printf("COpenExistApp: cannot change to the user-program folder %s: %s\n", folder.c_str(),
+                              std::strerror(errno));
+                return;
+            }
+            ownFolderState = true;
+        }
+        char* old = ::getcwd(nullptr, 0);
+        if (!old)
+            return;
+        m_sOld = old;
+        ::free(old);
+        if (::chdir(folder.c_str()) != 0) {
+            Trace::Printf("COpenExistApp: cannot change to the user-program folder %s: %s\n", folder.c_str(),
+                          std::strerror(errno));
+            m_sOld.clear();
+        }
+    }
+    ~CWorkingFolder()
+    {
+        if (!m_sOld.empty() && ::chdir(m_sOld.c_str()) != 0)
+            Trace::Printf("COpenExistApp: cannot change back to %s\n", m_sOld.c_str());
+    }
+    CWorkingFolder(const CWorkingFolder&) = delete;
+    CWorkingFolder& operator=(const CWorkingFolder&) = delete;
+
+private:
+    std::string m_sOld;
+};
+
 // The methods check the dialog's abort flag only while one download runs.
 class CAbortWatch {
 public:
@@ -58,6 +106,8 @@ private:
 COpenExistApp::COpenExistApp(CCommunication& link, CProductMethods* pMethods, Window* pWindow)
     : m_Link(link), m_pMethods(pMethods), m_pWindow(pWindow)
 {
+    Settings settings = Settings::User();
+    m_sProgramFolder = settings.GetString(kToolsSection, kUserProgramFolderKey);
 }
 
 void COpenExistApp::SetStatus(const std::string& text)
@@ -182,10 +232,8 @@ COpenExistApp::Result COpenExistApp::DownloadApplication(const CDatFile& file)
     try {
         SetStatus(kStatusProgram);
         std::string program = file.GetUserProgram();
-        // The program goes to the drive as text and the drive compiles it:
-        // no file is read or written, so the process's working folder, which
-        // other threads share, is never changed for it.
         if (!program.empty() && m_pMethods) {
+            CWorkingFolder folder(m_sProgramFolder);
             CAbortWatch watch(*m_pMethods, &m_nAbort);
             m_pMethods->DownloadProgram(program, m_pWindow);
             // This family leaves the compile to the one who downloads.

@@ -77,6 +77,9 @@ public:
     std::atomic<std::int32_t>& AbortFlag() { return m_nAbort; }
     /// The converter program (default CConverterProcess::DefaultProgram()).
     void SetConverterProgram(std::string program) { m_sConverter = std::move(program); }
+    /// The folder the program download runs in ("" = stay where we are;
+    /// default: the settings' [Tools] UserProgramFolder).
+    void SetUserProgramFolder(std::string folder) { m_sProgramFolder = std::move(folder); }
 
     const std::string& GetDriveVersion() const { return m_sDriveVersion; }
     const std::string& GetFileVersion() const { return m_sFileVersion; }
@@ -110,11 +113,15 @@ private:
     Window* m_pWindow;
     std::atomic<std::int32_t> m_nAbort{0};
     std::string m_sConverter;
+    std::string m_sProgramFolder;
     std::string m_sDriveVersion;
     std::string m_sFileVersion;
     std::string m_sConvertedPath;
     std::string m_sStatus;
     std::string m_sCaption = kCaptionDownload;
 };
+
+/// Settings key (section kToolsSection) of the user-program folder.
+inline constexpr char kUserProgramFolderKey[] = "UserProgramFolder";
 
 } // namespace tessitor

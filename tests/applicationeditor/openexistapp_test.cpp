@@ -6,6 +6,10 @@
 
 #include <sys/stat.h>
 
+#include <filesystem>
+#include <future>
+#include <thread>
+
 #include "applicationeditor/appconverter.h"
 #include "applicationeditor/converterprocess.h"
 #include "applicationeditor/datfile.h"
@@ -170,6 +174,48 @@ TEST(OpenExistApp, ConverterThatCannotStartAndABreakAreReported)
     EXPECT_EQ(Result::kAborted, aborted);
     EXPECT_EQ(std::string("Tessitor: ") + kTextTerminated, ui.m_arShown[2]);
     EXPECT_EQ("77", newer.pDrive->Execute("KP[3]").sValue.substr(0, 2));
+}
+
+// The program goes down inside the user-program folder; a thread that is
+// not downloading, asked while the program is on its way, is not moved.
+TEST(OpenExistApp, ProgramGoesDownInTheUserProgramFolderOfTheDownloadingThreadAlone)
+{
+    CTempDir dir;
+    CScriptedUi ui;
+    DriveLink d = Connect("Talvina", Face::kSerial);
+    ASSERT_EQ(CSaveExistApp::Result::kSaved, SaveDrive(d, dir / "drive.dat"));
+    CDatFile(dir / "drive.dat").SetUserProgram("MO=1");
+    std::filesystem::create_directory(dir / "programs");
+    auto cwd = [] { return std::filesystem::current_path().string(); };
+    const std::string start = cwd();
+
+    std::promise<void> ask;
+    std::promise<std::string> answer;
+    std::future<std::string> otherDuring = answer.get_future();
+    std::thread other([&] {
+        ask.get_future().wait();
+        answer.set_value(cwd());
+    });
+    auto methods = CreateProductMethods(*d.pLink);
+    CStatusWindow window;
+    COpenExistApp dialog(*d.pLink, methods.get(), &window);
+    dialog.SetUserProgramFolder(dir / "programs");
+    std::string during, otherSaw;
+    window.m_OnMessage = [&](unsigned message) {
+        if (message == kMsgTransferStart && during.empty()) {
+            during = cwd();
+            ask.set_value();
+            otherSaw = otherDuring.get();
+        }
+    };
+    Result result = dialog.Download(dir / "drive.dat");
+    other.join();
+
+    EXPECT_EQ(Result::kDownloaded, result);
+    EXPECT_EQ(std::filesystem::canonical(dir / "programs").string(), during);
+    EXPECT_EQ(start, otherSaw);
+    EXPECT_EQ(start, cwd()) << "back where it was";
+    EXPECT_EQ("MO=1", d.pDrive->Execute("LS").sValue);
 }
 
 TEST(SaveExistApp, KeepsWhatAFileHoldsRefusesReadOnlyFilesAndBadNames)
