@@ -4,6 +4,7 @@
 #include <QApplication>
 #include <QDir>
 #include <QMessageBox>
+#include <qcustomplot.h>
 
 namespace tessitor::gui::test {
 
@@ -45,6 +46,13 @@ void Shoot(QWidget* widget, const QString& name)
     if (folder.isEmpty())
         return;
     QDir().mkpath(folder);
+    // The picture of the settled window: pending layouts done, and every plot
+    // drawn at its new size (a plot redraws on resize only once the event loop
+    // comes round, and would otherwise show its old picture cut to the new size).
+    QCoreApplication::sendPostedEvents();
+    QCoreApplication::processEvents();
+    for (QCustomPlot* plot : widget->findChildren<QCustomPlot*>())
+        plot->replot(QCustomPlot::rpImmediateRefresh);
     widget->grab().save(folder + "/" + name + ".png");
 }
 

@@ -112,6 +112,9 @@ CScopeWindow::CScopeWindow(CDriveSession* session, QWidget* parent) : QWidget(pa
     m_pState = new QLabel("Reading the drive's recorder...");
     m_pState->setObjectName("state");
     m_pState->setWordWrap(true);
+    // A long file path in the state must not widen the window (a word-wrapped
+    // label cannot break a path); the tool tip holds it whole.
+    m_pState->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
     m_pProgress = new QProgressBar;
     m_pProgress->setRange(0, 1);
     m_pProgress->setValue(0);
@@ -130,6 +133,10 @@ CScopeWindow::CScopeWindow(CDriveSession* session, QWidget* parent) : QWidget(pa
     m_pCursors = new QLabel;
     m_pCursors->setFont(QFont(CViewWindow::kFontName, 9));
     m_pCursors->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    // The cursor text changes with every move of a cursor; it must never
+    // change the window's minimum width (a maximized window would keep the
+    // widest one and push the plot out of view).
+    m_pCursors->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
     auto* right = new QWidget;
     auto* rightLayout = new QVBoxLayout(right);
     rightLayout->setContentsMargins(0, 0, 0, 0);
@@ -382,6 +389,7 @@ void CScopeWindow::Finish(bool bOk, const QString& state)
     m_pStart->setEnabled(m_bReady);
     m_pStop->setEnabled(false);
     m_pState->setText(state);
+    m_pState->setToolTip(state); // whole, where a long path is cut in the label
     m_pProgress->setRange(0, 1);
     m_pProgress->setValue(bOk ? 1 : 0);
     emit RecordingEnded(bOk);
