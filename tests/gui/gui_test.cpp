@@ -2,6 +2,7 @@
 // they show, a drive that stops answering, connecting to ports that do not
 // answer, and the connection dialog asking a network device and a CAN bus.
 #include <QAction>
+#include <QApplication>
 #include <QLineEdit>
 #include <QListWidget>
 #include <QMessageBox>
@@ -15,6 +16,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 #include <QTreeWidget>
+#include <QWheelEvent>
 
 #include "sim/simserialserver.h"
 #include "tests/gui/guitesthelpers.h"
@@ -257,6 +259,36 @@ private slots:
                  qPrintable(view->CursorText()));
         m_pFrame->MdiArea()->activeSubWindow()->showMaximized();
         Shoot(m_pFrame.get(), "scope");
+
+        // The mouse: the wheel zooms the time of every display, a drag pans it,
+        // a click places cursor 1 where it lands.
+        QCPAxis* top = view->axisRect(0)->axis(QCPAxis::atBottom);
+        QCPAxis* bottom = view->axisRect(1)->axis(QCPAxis::atBottom);
+        const QCPRange whole = top->range();
+        const QPoint centre = view->axisRect(0)->rect().center();
+        QWheelEvent wheel(centre, view->mapToGlobal(centre), QPoint(), QPoint(0, 120), Qt::NoButton, Qt::NoModifier,
+                          Qt::NoScrollPhase, false);
+        QApplication::sendEvent(view, &wheel);
+        const QCPRange zoomed = top->range();
+        QVERIFY2(zoomed.size() < 0.9 * whole.size(), qPrintable(QString::number(zoomed.size())));
+        QCOMPARE(bottom->range(), zoomed);
+        auto mouse = [view](QEvent::Type type, QPoint at, Qt::MouseButtons held) {
+            QMouseEvent event(type, at, view->mapToGlobal(at), Qt::LeftButton, held, Qt::NoModifier);
+            QApplication::sendEvent(view, &event);
+        };
+        const QPoint grab = view->axisRect(1)->rect().center();
+        mouse(QEvent::MouseButtonPress, grab, Qt::LeftButton);
+        mouse(QEvent::MouseMove, grab - QPoint(100, 0), Qt::LeftButton);
+        mouse(QEvent::MouseButtonRelease, grab - QPoint(100, 0), Qt::NoButton);
+        QVERIFY2(top->range().lower > zoomed.lower, "dragged left: later times come into view");
+        QCOMPARE(top->range().size(), zoomed.size());
+        const QString cursorsBefore = view->CursorText();
+        const double clickedAt = top->pixelToCoord(centre.x());
+        mouse(QEvent::MouseButtonPress, centre, Qt::LeftButton);
+        mouse(QEvent::MouseButtonRelease, centre, Qt::NoButton);
+        QVERIFY(view->CursorText() != cursorsBefore);
+        const double placedAt = view->CursorText().section("T1=", 1).section(' ', 0, 0).toDouble();
+        QVERIFY2(qAbs(placedAt - clickedAt) <= file.SampleTime(), qPrintable(view->CursorText()));
 
         QString csv = folder.filePath("move.csv");
         QCOMPARE(scope->SaveAs(csv), QString());
