@@ -3,8 +3,6 @@
 // scripted frames.
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 #include "can/binaryinterpreter.h"
 #include "can/canclassify.h"
 #include "tests/can/scriptedcan.h"
@@ -12,15 +10,6 @@
 using namespace tessitor;
 using namespace tessitor::test;
 using Exception = CCommunication::CExceptionComm;
-
-namespace {
-
-std::array<std::uint8_t, 8> Bytes(const BinaryRequest& r)
-{
-    return r.abData;
-}
-
-} // namespace
 
 TEST(CanCommandClass, FollowsTheTableTheShapeAndTheFamily)
 {
@@ -61,16 +50,16 @@ TEST(CanCommandClass, FollowsTheTableTheShapeAndTheFamily)
 TEST(BinaryInterpreter, RequestAndReplyFramesByteByByte)
 {
     BinaryRequest sp = BuildBinaryRequest("SP=1.5");
-    EXPECT_EQ(Bytes(sp), (std::array<std::uint8_t, 8>{'S', 'P', 0x00, 0x80, 0x00, 0x00, 0xC0, 0x3F}));
+    EXPECT_EQ(sp.abData, (std::array<std::uint8_t, 8>{'S', 'P', 0x00, 0x80, 0x00, 0x00, 0xC0, 0x3F}));
     EXPECT_EQ(sp.nLength, 8);
     BinaryRequest two = BuildBinaryRequest("SP=2");
-    EXPECT_EQ(Bytes(two), (std::array<std::uint8_t, 8>{'S', 'P', 0, 0, 2, 0, 0, 0}));
+    EXPECT_EQ(two.abData, (std::array<std::uint8_t, 8>{'S', 'P', 0, 0, 2, 0, 0, 0}));
     EXPECT_EQ(two.nLength, 8);
     BinaryRequest query = BuildBinaryRequest("SP");
-    EXPECT_EQ(Bytes(query), (std::array<std::uint8_t, 8>{'S', 'P'}));
+    EXPECT_EQ(query.abData, (std::array<std::uint8_t, 8>{'S', 'P'}));
     EXPECT_EQ(query.nLength, 4);
     BinaryRequest indexed = BuildBinaryRequest("KP[2]=-7");
-    EXPECT_EQ(Bytes(indexed), (std::array<std::uint8_t, 8>{'K', 'P', 2, 0, 0xF9, 0xFF, 0xFF, 0xFF}));
+    EXPECT_EQ(indexed.abData, (std::array<std::uint8_t, 8>{'K', 'P', 2, 0, 0xF9, 0xFF, 0xFF, 0xFF}));
     EXPECT_TRUE(indexed.bIndexed);
 
     const std::uint8_t value[8] = {'K', 'P', 2, 0, 120, 0, 0, 0};
@@ -142,22 +131,13 @@ TEST(CanCommand, OsCommandPollsTheStatusAndReadsTheReply)
     EXPECT_EQ(link.m_arSent[4], (sdo::Frame{0x40, 0x23, 0x10, 2}));
     EXPECT_EQ(link.m_arSent[6], (sdo::Frame{0x40, 0x23, 0x10, 3}));
 
-    CScriptedCan refused;
-    refused.SetProcessorType("DSP");
-    refused.Answer(0x60);
-    refused.Answer(0x60);
-    refused.Answer(0x4F, {0x23, 0x10, 2, 0x03});
-    refused.Answer(0x4B, {0x23, 0x10, 3, 0x05, '?'});
-    Exception e = Caught([&] { refused.SendCommandGetValue("VR", value, 1000); });
-    EXPECT_EQ(e.m_nErrorSource, kErrSrcCanDrive);
-    EXPECT_EQ(e.FillMessage(), "Error (5) :  'VR' : " + refused.GetDriveErrorText(5) + " !");
-
+    // A refused OS command's text: see CanSim.DriveErrorsAndABusyDriveFailWithTheirMessages.
     CScriptedCan busy;
     busy.SetProcessorType("DSP");
     busy.Answer(0x60);
     busy.Answer(0x60);
     busy.m_optRepeat = sdo::Frame{0x4F, 0x23, 0x10, 2, 0xFF};
-    e = Caught([&] { busy.SendCommandGetValue("VR", value, 30); });
+    Exception e = Caught([&] { busy.SendCommandGetValue("VR", value, 30); });
     EXPECT_EQ(e.m_nErrorSource, kErrSrcCanDrive);
     EXPECT_EQ(e.FillMessage(), "Error : OSCommand did not answered in expected time");
     EXPECT_GE(busy.m_arSent.size(), 2u + 30u) << "the tick advances at most a millisecond a poll";

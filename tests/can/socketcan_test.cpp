@@ -142,17 +142,15 @@ TEST_F(SocketCan, TessitorSdoSessionWithANodeInAnotherProcess)
     CBusServer server({{0x100800, "Ortiva vcan drive"}, {0x100000, std::string("\x92\x01\x02\x00", 4)}});
     const std::string can = "socketcan:" + Interface();
 
-    ProcessResult up = RunProcess({TessitorPath(), "--can", can, "--node", "5", "sdo", "upload", "0x1008", "0"},
-                                  {"TESSITOR_CONFIG=/tmp/tessitor-socketcan.ini"});
-    ProcessResult hex = RunProcess(
-        {TessitorPath(), "--can", can, "--node", "5", "--trace-frames", "sdo", "upload", "--hex", "4096", "0"},
-        {"TESSITOR_CONFIG=/tmp/tessitor-socketcan.ini"});
-    ProcessResult down = RunProcess({TessitorPath(), "--can", can, "--node", "5", "sdo", "download", "0x2000", "0",
-                                     "written over vcan"},
-                                    {"TESSITOR_CONFIG=/tmp/tessitor-socketcan.ini"});
-    ProcessResult missing = RunProcess({TessitorPath(), "--can", "socketcan:nosuchcan7", "--node", "5", "sdo",
-                                        "upload", "0x1008", "0"},
-                                       {"TESSITOR_CONFIG=/tmp/tessitor-socketcan.ini"});
+    auto run = [](const std::string& adapter, std::vector<std::string> args) {
+        args.insert(args.begin(), {TessitorPath(), "--can", adapter, "--node", "5"});
+        return RunProcess(args, {"TESSITOR_CONFIG=/tmp/tessitor-socketcan.ini"});
+    };
+
+    ProcessResult up = run(can, {"sdo", "upload", "0x1008", "0"});
+    ProcessResult hex = run(can, {"--trace-frames", "sdo", "upload", "--hex", "4096", "0"});
+    ProcessResult down = run(can, {"sdo", "download", "0x2000", "0", "written over vcan"});
+    ProcessResult missing = run("socketcan:nosuchcan7", {"sdo", "upload", "0x1008", "0"});
 
     EXPECT_EQ(up.nStatus, 0) << up.sErr;
     EXPECT_EQ(up.sOut, "Ortiva vcan drive\n");
