@@ -5,7 +5,6 @@
 
 #include <matio.h>
 
-#include <cstdio>
 #include <deque>
 #include <filesystem>
 #include <mutex>
@@ -13,12 +12,12 @@
 
 #include "communication/rs232.h"
 #include "core/strformat.h"
-#include "core/trace.h"
 #include "recorder/recbrenol.h"
 #include "recorder/rectalvina.h"
 #include "tests/recorder/mathelpers.h"
 #include "tests/recorder/scriptedrecorderdrive.h"
 #include "tests/support/scriptedpeer.h"
+#include "tests/support/tracecapture.h"
 
 using namespace tessitor;
 using tessitor::test::CScriptedPeer;
@@ -102,17 +101,18 @@ TEST_F(RecorderTest, FamilyTextChoosesTheRecorderAndItsTriggerList)
     CTalvinaWithSlots talvina(m_pLink.get());
     talvina.SetSlot(2, 6, "unused");
     talvina.SetSlot(3, CRecorder::kNoCode, "Active Current");
-    std::vector<std::string> rows;
-    for (const auto& row : talvina.TriggerSources())
-        rows.push_back(StrFormat("%s %d %d", row->sName.c_str(), row->nKind, row->nValue));
-    EXPECT_EQ(rows, (Commands{"(No Trigger) 0 -1", "Begin Motion 1 -1", "Digital Input 1 2 1", "Digital Input 2 2 2",
-                              "Digital Input 3 2 3", "Digital Input 4 2 4", "Digital Input 5 2 5",
+    auto rowsOf = [](CRecorder& rec) {
+        Commands rows;
+        for (const auto& row : rec.TriggerSources())
+            rows.push_back(StrFormat("%s %d %d", row->sName.c_str(), row->nKind, row->nValue));
+        return rows;
+    };
+    EXPECT_EQ(rowsOf(talvina),
+              (Commands{"(No Trigger) 0 -1", "Begin Motion 1 -1", "Digital Input 1 2 1", "Digital Input 2 2 2",
+                        "Digital Input 3 2 3", "Digital Input 4 2 4", "Digital Input 5 2 5",
                               "Digital Input 6 2 6", "Position 3 1", "Velocity 3 2", "Digital Inputs 5 128"}));
 
-    auto brenol = Make("BreNol");
-    rows.clear();
-    for (const auto& row : brenol->TriggerSources())
-        rows.push_back(StrFormat("%s %d %d", row->sName.c_str(), row->nKind, row->nValue));
+    Commands rows = rowsOf(*Make("BreNol"));
     ASSERT_EQ(rows.size(), 7u + 16u);
     EXPECT_EQ(Commands(rows.begin(), rows.begin() + 9),
               (Commands{"(No Trigger) 0 -1", "Begin Motion 1 -1", "Abort 2 -1", "Enable 2 -1", "FLS 2 -1", "RLS 2 -1",
@@ -234,15 +234,14 @@ TEST_F(RecorderTest, PhasesRecordUploadAndSaveWithTheirMessages)
     rec->Settings().sLength = "250";
     rec->SelectTrigger(rec->FindTriggerRow("Begin Motion"));
     rec->SetScopeFile(file.string());
-    std::FILE* trace = std::tmpfile();
-    Trace::SetStream(trace);
 
-    for (int phase = CRecorder::kPhaseClear; phase <= CRecorder::kPhaseFinish; ++phase) {
-        rec->StartPhase(phase);
-        ASSERT_EQ(rec->WaitPhase(), 1) << "phase " << phase << ": " << rec->LastError();
-        EXPECT_TRUE(rec->IsDone());
-    }
-    Trace::SetStream(nullptr);
+    std::string traced = test::TraceOf([&] {
+        for (int phase = CRecorder::kPhaseClear; phase <= CRecorder::kPhaseFinish; ++phase) {
+            rec->StartPhase(phase);
+            ASSERT_EQ(rec->WaitPhase(), 1) << "phase " << phase << ": " << rec->LastError();
+            EXPECT_TRUE(rec->IsDone());
+        }
+    });
 
     using Posted = std::vector<std::pair<unsigned, std::uintptr_t>>;
     EXPECT_EQ(m_Scope.arPosted, (Posted{{0x402, 0}, {0x401, 0}, {0x401, 0}, {0x401, 0}, {0x401, 0}, {0x401, 0},
@@ -255,12 +254,8 @@ TEST_F(RecorderTest, PhasesRecordUploadAndSaveWithTheirMessages)
     EXPECT_EQ(m_Peer.Count("BH=1\r"), 3);
     EXPECT_EQ(m_Peer.Count("SR\r"), 5);
     EXPECT_TRUE(m_Ui.arMessages.empty());
-    std::rewind(trace);
-    char traced[8192] = {};
-    traced[std::fread(traced, 1, sizeof traced - 1, trace)] = '\0';
-    std::fclose(trace);
-    EXPECT_NE(std::string(traced).find("BH command was repeat 1 times\n"), std::string::npos);
-    EXPECT_NE(std::string(traced).find("The thread RecorderThread has exited with code 1\n"), std::string::npos);
+    EXPECT_NE(traced.find("BH command was repeat 1 times\n"), std::string::npos);
+    EXPECT_NE(traced.find("The thread RecorderThread has exited with code 1\n"), std::string::npos);
 
     test::CMatFile mat(file.string());
     EXPECT_EQ(mat.Columns(), (Commands{"Index", "Time(sec)", "Velocity", "Position"}));
