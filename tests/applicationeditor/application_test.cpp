@@ -28,9 +28,8 @@ TEST(ApplicationFile, MissingFileIsEmptyAndItsFirstSaveWritesOneGroupOfOneField)
     CTempDir dir;
     std::string path = dir / "new.dat";
     int loaded = -1;
-    std::string trace;
 
-    trace = TraceOf([&] {
+    std::string trace = TraceOf([&] {
         CApplication app(path);
         loaded = app.IsLoaded();
         EXPECT_TRUE(app.Groups().empty());
@@ -230,10 +229,9 @@ TEST(ApplicationFile, SavesNeverReplaceAReadOnlyFileAndAFailedWriteLeavesTheOldF
     }
     const std::string old = ReadFile(path);
     ASSERT_EQ(0, ::chmod(path.c_str(), 0444));
-    std::string trace;
     bool readOnly = false;
 
-    trace = TraceOf([&] {
+    std::string trace = TraceOf([&] {
         CApplication app(path);
         readOnly = app.IsReadOnly();
         app.SetValue("Version", "LOAD_VERSION_STRING", "new");
