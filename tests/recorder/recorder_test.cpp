@@ -75,6 +75,15 @@ protected:
 
 using Commands = std::vector<std::string>;
 
+// A start's commands: the recorder stopped and its slots set, then middle,
+// the gap, the length, and the start in mode.
+Commands Framed(Commands middle, int gap, int mode)
+{
+    middle.insert(middle.begin(), {"RR=0", "RC=3"});
+    middle.insert(middle.end(), {"RG=" + std::to_string(gap), "RL=250", "RR=" + std::to_string(mode)});
+    return middle;
+}
+
 // Lets a test set slots the drive cannot name ("unused", all ones).
 struct CTalvinaWithSlots : CRecTalvina {
     using CRecTalvina::CRecTalvina;
@@ -137,30 +146,26 @@ TEST_F(RecorderTest, TalvinaTriggerSetUpsCommandByCommand)
     s.dLevel2 = 300;
 
     rec->SelectTrigger(rec->FindTriggerRow("(No Trigger)"));
-    EXPECT_EQ(Start(*rec, 2), (Commands{"RR=0", "RC=3", "RP[3]=0", "RG=2", "RL=250", "RR=2"}));
+    EXPECT_EQ(Start(*rec, 2), Framed({"RP[3]=0"}, 2, 2));
 
     rec->SelectTrigger(rec->FindTriggerRow("Begin Motion"));
-    EXPECT_EQ(Start(*rec, 3), (Commands{"RR=0", "RC=3", "RP[3]=1", "RP[2]=25", "RG=2", "RL=250", "RR=3"}));
+    EXPECT_EQ(Start(*rec, 3), Framed({"RP[3]=1", "RP[2]=25"}, 2, 3));
 
     // A digital input sends the second level too, whatever the level mode.
     rec->SelectTrigger(rec->FindTriggerRow("Digital Input 3"));
-    EXPECT_EQ(Start(*rec, 3), (Commands{"RR=0", "RC=3", "RP[3]=5", "RP[7]=4", "RP[6]=4", "RP[2]=25",
-                                        "RP[4]=300.000000", "RG=2", "RL=250", "RR=3"}));
+    EXPECT_EQ(Start(*rec, 3), Framed({"RP[3]=5", "RP[7]=4", "RP[6]=4", "RP[2]=25", "RP[4]=300.000000"}, 2, 3));
     s.nLevelMode = kLevelFalling;
-    EXPECT_EQ(Start(*rec, 3), (Commands{"RR=0", "RC=3", "RP[3]=5", "RP[7]=4", "RP[6]=0", "RP[2]=25",
-                                        "RP[4]=300.000000", "RG=2", "RL=250", "RR=3"}));
+    EXPECT_EQ(Start(*rec, 3), Framed({"RP[3]=5", "RP[7]=4", "RP[6]=0", "RP[2]=25", "RP[4]=300.000000"}, 2, 3));
 
     rec->SelectTrigger(rec->FindTriggerRow("Velocity"));
-    EXPECT_EQ(Start(*rec, 3), (Commands{"RR=0", "RC=3", "RP[3]=3", "RP[1]=2", "RP[2]=25", "RP[4]=1.234500",
-                                        "RG=2", "RL=250", "RR=3"}));
+    EXPECT_EQ(Start(*rec, 3), Framed({"RP[3]=3", "RP[1]=2", "RP[2]=25", "RP[4]=1.234500"}, 2, 3));
     s.nLevelMode = kLevelWindow;
-    EXPECT_EQ(Start(*rec, 3), (Commands{"RR=0", "RC=3", "RP[3]=4", "RP[1]=2", "RP[2]=25", "RP[4]=300.000000",
-                                        "RP[5]=1.234500", "RG=2", "RL=250", "RR=3"}));
+    EXPECT_EQ(Start(*rec, 3), Framed({"RP[3]=4", "RP[1]=2", "RP[2]=25", "RP[4]=300.000000", "RP[5]=1.234500"}, 2, 3));
     s.nLevelMode = kLevelEvent;
-    EXPECT_EQ(Start(*rec, 3), (Commands{"RR=0", "RC=3", "RP[3]=5", "RP[1]=2", "RP[2]=25", "RG=2", "RL=250", "RR=3"}));
+    EXPECT_EQ(Start(*rec, 3), Framed({"RP[3]=5", "RP[1]=2", "RP[2]=25"}, 2, 3));
 
     rec->SelectTrigger(rec->FindTriggerRow("Digital Inputs"));
-    EXPECT_EQ(Start(*rec, 2), (Commands{"RR=0", "RC=3", "RP[3]=5", "RG=2", "RL=250", "RR=2"}));
+    EXPECT_EQ(Start(*rec, 2), Framed({"RP[3]=5"}, 2, 2));
 
     // Equal window levels: refused before any level goes out, abort flag set.
     rec->SelectTrigger(rec->FindTriggerRow("Position"));
@@ -183,36 +188,31 @@ TEST_F(RecorderTest, BreNolTriggerSetUpsCommandByCommand)
     s.dLevel2 = 1.2345;
 
     rec->SelectTrigger(rec->FindTriggerRow("Inputs Combination")); // not in the signal table: no trigger
-    EXPECT_EQ(Start(*rec, 2), (Commands{"RR=0", "RC=3", "RP[3]=0", "RG=1", "RL=250", "RR=2"}));
+    EXPECT_EQ(Start(*rec, 2), Framed({"RP[3]=0"}, 1, 2));
 
     rec->SelectTrigger(rec->FindTriggerRow("Position"));
-    EXPECT_EQ(Start(*rec, 3), (Commands{"RR=0", "RC=3", "RP[1]=2", "RP[2]=0", "RP[3]=2", "RP[4]=1.234500",
-                                        "RP[14]=23", "RG=1", "RL=250", "RR=3"}));
+    EXPECT_EQ(Start(*rec, 3), Framed({"RP[1]=2", "RP[2]=0", "RP[3]=2", "RP[4]=1.234500", "RP[14]=23"}, 1, 3));
     s.nLevelMode = kLevelFalling;
-    EXPECT_EQ(Start(*rec, 3), (Commands{"RR=0", "RC=3", "RP[1]=2", "RP[2]=0", "RP[3]=3", "RP[4]=-0.500000",
-                                        "RP[14]=-50", "RG=1", "RL=250", "RR=3"}));
+    EXPECT_EQ(Start(*rec, 3), Framed({"RP[1]=2", "RP[2]=0", "RP[3]=3", "RP[4]=-0.500000", "RP[14]=-50"}, 1, 3));
     s.nLevelMode = kLevelEvent;
-    EXPECT_EQ(Start(*rec, 3), (Commands{"RR=0", "RC=3", "RP[1]=8", "RP[2]=0", "RP[3]=5", "RP[6]=0", "RP[7]=0",
-                                        "RG=1", "RL=250", "RR=3"}));
+    EXPECT_EQ(Start(*rec, 3), Framed({"RP[1]=8", "RP[2]=0", "RP[3]=5", "RP[6]=0", "RP[7]=0"}, 1, 3));
 
     rec->SelectTrigger(rec->FindTriggerRow("Velocity"));
     s.nLevelMode = kLevelWindow;
-    EXPECT_EQ(Start(*rec, 3), (Commands{"RR=0", "RC=3", "RP[1]=1", "RP[2]=0", "RP[3]=4", "RP[4]=1.234500",
-                                        "RP[14]=23", "RP[5]=-0.500000", "RP[15]=-50", "RG=1", "RL=250", "RR=3"}));
+    EXPECT_EQ(Start(*rec, 3), Framed({"RP[1]=1", "RP[2]=0", "RP[3]=4", "RP[4]=1.234500", "RP[14]=23",
+                                      "RP[5]=-0.500000", "RP[15]=-50"},
+                                     1, 3));
 
     // An input event: its bit is also the edge bit of a rising trigger only.
     rec->SelectTrigger(rec->FindTriggerRow("Abort"));
     s.nLevelMode = kLevelRising;
-    EXPECT_EQ(Start(*rec, 3), (Commands{"RR=0", "RC=3", "RP[1]=8", "RP[2]=0", "RP[3]=5", "RP[6]=4096",
-                                        "RP[7]=4096", "RG=1", "RL=250", "RR=3"}));
+    EXPECT_EQ(Start(*rec, 3), Framed({"RP[1]=8", "RP[2]=0", "RP[3]=5", "RP[6]=4096", "RP[7]=4096"}, 1, 3));
     rec->SelectTrigger(rec->FindTriggerRow("Digital Input 1"));
     s.nLevelMode = kLevelFalling;
-    EXPECT_EQ(Start(*rec, 3), (Commands{"RR=0", "RC=3", "RP[1]=8", "RP[2]=0", "RP[3]=5", "RP[6]=0", "RP[7]=1",
-                                        "RG=1", "RL=250", "RR=3"}));
+    EXPECT_EQ(Start(*rec, 3), Framed({"RP[1]=8", "RP[2]=0", "RP[3]=5", "RP[6]=0", "RP[7]=1"}, 1, 3));
 
     rec->SelectTrigger(rec->FindTriggerRow("Begin Motion"));
-    EXPECT_EQ(Start(*rec, 3), (Commands{"RR=0", "RC=3", "RP[2]=0", "RP[3]=1", "RP[4]=-0.500000", "RP[14]=-50",
-                                        "RG=1", "RL=250", "RR=3"}));
+    EXPECT_EQ(Start(*rec, 3), Framed({"RP[2]=0", "RP[3]=1", "RP[4]=-0.500000", "RP[14]=-50"}, 1, 3));
 
     rec->SelectTrigger(rec->FindTriggerRow("Velocity"));
     s.nLevelMode = kLevelWindow;
