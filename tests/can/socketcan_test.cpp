@@ -11,6 +11,7 @@
 #include "can/adapter/socketcanadapter.h"
 #include "can/can.h"
 #include "can/sdoprotocol.h"
+#include "tests/can/scriptedcan.h"
 #include "tests/can/sdoresponder.h"
 #include "tests/support/process.h"
 
@@ -77,12 +78,8 @@ protected:
 
     static CCommunicationInfo Info()
     {
-        CCommunicationInfo info;
-        info.m_sCommType = "CAN";
+        CCommunicationInfo info = SlcanInfo(Interface(), kNode);
         info.sManufacture = "SocketCAN";
-        info.sBoardType = Interface();
-        info.mNodeID = kNode;
-        info.mBaudRateIndex = 7;
         return info;
     }
 };
