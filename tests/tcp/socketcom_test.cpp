@@ -1,7 +1,5 @@
 // Both socket exchanges against the scripted device on loopback, whose
-// misbehaviour each request names: every failure text, the function-ID
-// checks, the 16-bit capacity, the five-times first-byte wait, draining,
-// the payload cap and interrupted or short system calls.
+// misbehaviour each request names.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 

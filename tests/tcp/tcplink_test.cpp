@@ -152,26 +152,6 @@ TEST(TcpLink, LongCommandsGetTheirOwnTimeOutsWhateverTheCallerAsked)
               seen);
 }
 
-TEST(TcpLink, ReachesAHostByItsIpv6Address)
-{
-    std::unique_ptr<test::CTcpScriptedPeer> peer;
-    try {
-        peer = std::make_unique<test::CTcpScriptedPeer>(test::ScriptedDevice, true);
-    } catch (const std::runtime_error& e) {
-        GTEST_SKIP() << e.what();
-    }
-    CTCP link(TcpInfo("RS232 Port 1"), peer->Port());
-    link.SetHost("[::1]");
-    std::string value;
-
-    int connected = link.Connect();
-    link.SendCommandGetValue("PX", value, 1000);
-
-    EXPECT_EQ(0, connected) << link.GetConnectError();
-    EXPECT_EQ("11", value);
-    EXPECT_EQ("[::1]:" + std::to_string(peer->Port()) + " RS232 Port 1", link.DeviceName());
-}
-
 TEST(TcpLink, ValueSendThrowsSourceElevenAndRawPathRunsTheSharedTransaction)
 {
     test::CTcpScriptedPeer peer(test::ScriptedDevice);
@@ -193,7 +173,6 @@ TEST(TcpLink, ValueSendThrowsSourceElevenAndRawPathRunsTheSharedTransaction)
     bool latched = link.IsTimeoutLatched();
     link.SendCommand("LS", reply, 1000, 1); // the device checks each raw request's terminator
     std::string listing = reply;
-    int stale = link.SendCommandGetReply("UM", reply, 1000);
 
     EXPECT_EQ("11", value); // the device answers PX with the handle the request names
     EXPECT_EQ(-1, known.m_nErrorCode);
@@ -213,7 +192,6 @@ TEST(TcpLink, ValueSendThrowsSourceElevenAndRawPathRunsTheSharedTransaction)
     EXPECT_TRUE(latched);
     EXPECT_EQ(std::string("LS\rline;\x08", 9), listing);
     EXPECT_FALSE(link.IsTimeoutLatched());
-    EXPECT_EQ(-2, stale); // the device answered another request
 }
 
 } // namespace

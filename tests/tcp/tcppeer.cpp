@@ -56,27 +56,20 @@ void CPeerConnection::Abort()
     hSocket = -1;
 }
 
-CTcpScriptedPeer::CTcpScriptedPeer(Handler handler, bool bIpv6) : m_Handler(std::move(handler))
+CTcpScriptedPeer::CTcpScriptedPeer(Handler handler) : m_Handler(std::move(handler))
 {
-    sockaddr_in6 address{};
-    auto* v4 = reinterpret_cast<sockaddr_in*>(&address);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t size = sizeof address;
-    if (bIpv6) {
-        address.sin6_family = AF_INET6;
-        address.sin6_addr = in6addr_loopback;
-    } else {
-        v4->sin_family = AF_INET;
-        v4->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        size = sizeof *v4;
-    }
-    m_hListen = ::socket(address.sin6_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    m_hListen = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (m_hListen < 0 || ::bind(m_hListen, reinterpret_cast<sockaddr*>(&address), size) != 0
         || ::listen(m_hListen, 8) != 0 || ::getsockname(m_hListen, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
         if (m_hListen >= 0)
             ::close(m_hListen);
-        throw std::runtime_error(bIpv6 ? "cannot listen on ::1" : "cannot listen on loopback");
+        throw std::runtime_error("cannot listen on loopback");
     }
-    m_wPort = ntohs(bIpv6 ? address.sin6_port : v4->sin_port);
+    m_wPort = ntohs(address.sin_port);
     m_Thread = std::thread([this] {
         for (;;) {
             int fd = ::accept4(m_hListen, nullptr, nullptr, SOCK_CLOEXEC);
@@ -149,7 +142,7 @@ void ScriptedDevice(CPeerConnection& c, const NetFrameHeader& h, const std::stri
         c.Reply(id, 7, "abc");
     else if (what == "big" || what == "drain")
         c.Reply(id, 0, std::string(what == "big" ? 70000 : 1000, 'w'));
-    else if (what == "other" || what == "UM\r")
+    else if (what == "other")
         c.Reply(id + 1, 0, "stale");
     else if (what == "frame") { // 6 bytes for function 3, status 9: the number, "xy"
         std::string frame("\x06\0\0\0\x03\0\0\0\x09\0\0\0", 12);

@@ -34,11 +34,10 @@ public:
     /// is in CPeerConnection::nRequest).
     using Handler = std::function<void(CPeerConnection&, const NetFrameHeader&, const std::string& body)>;
 
-    /// Listens on 127.0.0.1 (::1 with bIpv6); each connection's requests go
-    /// to handler in turn, on that connection's own thread, until the
-    /// client closes or stays silent for 10 s. Throws std::runtime_error
-    /// when it cannot listen there.
-    explicit CTcpScriptedPeer(Handler handler, bool bIpv6 = false);
+    /// Listens on 127.0.0.1; each connection's requests go to handler in
+    /// turn, on that connection's own thread, until the client closes or
+    /// stays silent for 10 s. Throws std::runtime_error when it cannot listen.
+    explicit CTcpScriptedPeer(Handler handler);
     /// Stops accepting and joins the connections.
     ~CTcpScriptedPeer();
 
