@@ -30,8 +30,6 @@ TEST_F(SimDriveTest, EveryProductIdentifiesWithItsVersionAndFamily)
         EXPECT_EQ(version, drive.VersionString());
         EXPECT_EQ(drive.Family(), products->Family(name));
     }
-    EXPECT_EQ(CSimDrive("Vosk").Family(), "STP");
-    EXPECT_EQ(CSimDrive("Nolvet").Family(), "BreNol");
     EXPECT_EQ(CSimDrive("Talvina", "2.0.0.0").Execute("VR").sValue, "Talvina 2.0.0.0");
     EXPECT_THROW(CSimDrive("Nonesuch"), std::invalid_argument);
     EXPECT_THROW(CSimDrive("Talvina", "9.9.9.9"), std::invalid_argument);

@@ -1,22 +1,12 @@
-// The virtual drive's serial face over a real pseudo-terminal: first byte
-// by byte as a terminal sees it, then through the client's own serial link.
+// The virtual drive's serial face over a real pseudo-terminal, byte by byte
+// as a terminal sees it.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <poll.h>
-#include <termios.h>
-#include <unistd.h>
-
-#include <chrono>
-
-#include "communication/rs232.h"
 #include "sim/simserialserver.h"
 #include "tests/sim/simtesthelpers.h"
 
-using namespace tessitor;
 using namespace tessitor::sim;
 using namespace tessitor::sim::test;
-using Clock = std::chrono::steady_clock;
 
 namespace {
 
@@ -110,39 +100,4 @@ TEST_F(SimSerialTest, InjectedFaultsChangeOnlyTheirReplies)
     EXPECT_EQ(line.ReadUntil('\r', 0), "PX\r") << "the echo comes at once";
     EXPECT_EQ(line.ReadUntil('\0', SIZE_MAX, 300), "") << "the reply is held back";
     EXPECT_EQ(line.ReadUntil(';', 0), "0;");
-}
-
-TEST_F(SimSerialTest, LinkReadsValuesReportsErrorsAndUploadsTheLargestWindow)
-{
-    CRs232 link{CCommunicationInfo{}};
-    link.SetDevicePath(m_pServer->SlavePath());
-    ASSERT_EQ(link.Connect(), 0);
-    std::string value;
-    link.SendCommandGetValue("KP[2]", value, 2000);
-    EXPECT_EQ(value, "0.33");
-    try {
-        link.SendCommandGetValue("KP[4]", value, 2000);
-        ADD_FAILURE() << "a refused command must throw";
-    } catch (CCommunication::CExceptionComm& e) {
-        EXPECT_EQ(e.FillMessage(), "Error (3) :  'KP[4]' : Bad index !");
-    }
-
-    for (const char* command : {"RR=0", "RC=2", "RL=1000", "MO=1", "JV=8000", "BG", "RR=2"})
-        link.SendCommandGetValue(command, value, 2000);
-    for (int poll = 0; poll < 250; ++poll) {
-        link.SendCommandGetValue("SR", value, 2000);
-        if ((std::stoul(value) >> 16 & 3) == 2)
-            break;
-        usleep(20000);
-    }
-    ASSERT_EQ(std::stoul(value) >> 16 & 3, 2u);
-    // The largest window: 8020 bytes in one reply.
-    link.SendCommandGetValue("RP[8]=0", value, 2000);
-    link.SendCommandGetValue("RP[9]=999", value, 2000);
-    link.SendCommandGetValue("BH=2", value, 5000);
-    Upload u = DecodeUpload(value);
-    ASSERT_TRUE(u.bOk) << value.substr(0, 40);
-    ASSERT_EQ(u.nCount, 1000u);
-    EXPECT_NEAR(u.arSamples.back(), 8000, 400) << "the velocity of the running jog";
-    link.Disconnect();
 }
