@@ -49,22 +49,43 @@ ProcessResult Tessitor(std::vector<std::string> args, std::vector<std::string> e
 
 } // namespace
 
-TEST(SimCliTest, ServesUntilInterrupted)
+// A drive served until interrupted keeps its state between clients, gives
+// them the faults of its command line, and serves again from its flash file.
+TEST(SimCliTest, ServesUntilInterruptedWithItsFaultsAndFlash)
 {
-    CBackgroundProcess sim({TessitorPath(), "sim", "--serial", "--product", "Vosk"});
+    fs::path flash = RunFolder() / "flash.bin";
+    fs::remove(flash);
+    {
+        CBackgroundProcess sim({TessitorPath(), "sim", "--serial", "--product", "Vosk", "--flash", flash.string()});
+        std::string path = sim.FirstLine();
+        ASSERT_EQ(path.rfind("/dev/pts/", 0), 0u) << path;
+
+        ProcessResult r = Tessitor({"send", "--serial", path, "VR", "UM", "MO=1", "SR"});
+        EXPECT_EQ(r.nStatus, 0) << r.sErr;
+        ASSERT_EQ(r.sOut.rfind("Vosk 1.3.2.0\n3\n\n", 0), 0u) << r.sOut;
+        // Position mode, motor on; "in target" (bit 7) comes once the motor has
+        // held still long enough, which depends on how busy this machine is.
+        EXPECT_EQ(std::stoul(r.sOut.substr(r.sOut.rfind('\n', r.sOut.size() - 2) + 1)) & ~0x80ul, 22ul) << r.sOut;
+        ProcessResult again = Tessitor({"send", "--serial", path, "MO", "MO=0", "KP[3]=55", "SV"});
+        EXPECT_EQ(again.sOut, "1\n\n\n\n") << "the drive keeps its state between clients: " << again.sErr;
+        EXPECT_EQ(sim.Stop(SIGINT), 0);
+    }
+    CBackgroundProcess sim({TessitorPath(), "sim", "--serial", "--product", "Vosk", "--flash", flash.string(),
+                            "--fault", "error:/MO:1", "--fault", "drop:/SR"});
     std::string path = sim.FirstLine();
-    ASSERT_EQ(path.rfind("/dev/pts/", 0), 0u) << path;
 
-    ProcessResult r = Tessitor({"send", "--serial", path, "VR", "UM", "MO=1", "SR"});
-    EXPECT_EQ(r.nStatus, 0) << r.sErr;
-    ASSERT_EQ(r.sOut.rfind("Vosk 1.3.2.0\n3\n\n", 0), 0u) << r.sOut;
-    // Position mode, motor on; "in target" (bit 7) comes once the motor has
-    // held still long enough, which depends on how busy this machine is.
-    EXPECT_EQ(std::stoul(r.sOut.substr(r.sOut.rfind('\n', r.sOut.size() - 2) + 1)) & ~0x80ul, 22ul) << r.sOut;
-    ProcessResult again = Tessitor({"send", "--serial", path, "MO"});
-    EXPECT_EQ(again.sOut, "1\n") << "the drive keeps its state between clients";
+    ProcessResult saved = Tessitor({"send", "--serial", path, "KP[3]"});
+    ProcessResult refused = Tessitor({"send", "--serial", path, "MO=1"});
+    ProcessResult lost = Tessitor({"send", "--timeout", "200", "--serial", path, "PX", "SR"});
 
-    EXPECT_EQ(sim.Stop(SIGINT), 0);
+    EXPECT_EQ(saved.sOut, "55\n") << saved.sErr;
+    EXPECT_EQ(refused.nStatus, 1);
+    EXPECT_EQ(refused.sErr, "Error (1) :  'MO=1' : Motor must be off !\n");
+    EXPECT_EQ(lost.nStatus, 1);
+    EXPECT_EQ(lost.sOut, "0\n");
+    EXPECT_NE(lost.sErr.find("Time Out Waiting for Response from Controller"), std::string::npos) << lost.sErr;
+    EXPECT_EQ(sim.Stop(SIGTERM), 0);
+    fs::remove(flash);
 }
 
 // A user who is not root runs the sim and one client after another: each
@@ -102,42 +123,6 @@ TEST(SimCliTest, ServesAnUnprivilegedUserAgainAndAgain)
     fs::remove_all(folder);
 }
 
-TEST(SimCliTest, FaultsFromTheCommandLineReachTheClient)
-{
-    CBackgroundProcess sim({TessitorPath(), "sim", "--serial", "--fault", "error:/MO:1", "--fault", "drop:/SR"});
-    std::string path = sim.FirstLine();
-
-    ProcessResult refused = Tessitor({"send", "--serial", path, "MO=1"});
-    EXPECT_EQ(refused.nStatus, 1);
-    EXPECT_EQ(refused.sErr, "Error (1) :  'MO=1' : Motor must be off !\n");
-
-    ProcessResult lost = Tessitor({"send", "--timeout", "200", "--serial", path, "PX", "SR"});
-    EXPECT_EQ(lost.nStatus, 1);
-    EXPECT_EQ(lost.sOut, "0\n");
-    EXPECT_NE(lost.sErr.find("Time Out Waiting for Response from Controller"), std::string::npos) << lost.sErr;
-
-    EXPECT_EQ(sim.Stop(SIGTERM), 0);
-}
-
-TEST(SimCliTest, FlashFileKeepsSavedParametersBetweenRuns)
-{
-    fs::path flash = RunFolder() / "flash.bin";
-    fs::remove(flash);
-    {
-        CBackgroundProcess sim({TessitorPath(), "sim", "--serial", "--flash", flash.string()});
-        std::string path = sim.FirstLine();
-        EXPECT_EQ(Tessitor({"send", "--serial", path, "KP[3]=55", "SV"}).nStatus, 0);
-        EXPECT_EQ(sim.Stop(), 0);
-    }
-    {
-        CBackgroundProcess sim({TessitorPath(), "sim", "--serial", "--flash", flash.string()});
-        std::string path = sim.FirstLine();
-        EXPECT_EQ(Tessitor({"send", "--serial", path, "KP[3]"}).sOut, "55\n");
-        EXPECT_EQ(sim.Stop(), 0);
-    }
-    fs::remove(flash);
-}
-
 TEST(SimCliTest, WrongUsageExitsTwo)
 {
     fs::path readOnly = RunFolder() / "ro.bin";
@@ -148,7 +133,11 @@ TEST(SimCliTest, WrongUsageExitsTwo)
           {"sim", "--serial", "--fault", "drop:0"}, {"sim", "--serial", "--fault", "error:/MO:8"},
           {"sim", "--serial", "--product", "Nonesuch"}, {"sim", "--serial", "--pace", "-5"},
           {"sim", "--serial", "--flash", readOnly.string()}, {"sim", "--serial", "--flash", "/nonexistent/flash.bin"},
-          {"sim", "--serial", "--max-clients", "2"}, {"sim", "--tcp", "0", "--max-clients", "0"}}) {
+          {"sim", "--serial", "--max-clients", "2"}, {"sim", "--tcp", "0", "--max-clients", "0"},
+          {"sim", "--slcan", "--node", "0"}, {"sim", "--slcan", "--node", "5,5"},
+          {"sim", "--slcan", "--node", "5:Nonesuch"}, {"sim", "--slcan", "--bitrate", "300"},
+          {"sim", "--slcan", "--pace", "500"}, {"sim", "--serial", "--node", "5"}, {"sim", "--serial", "--slcan"},
+          {"sim", "--slcan", "--fault", "abort:/0x1008:zz"}, {"sim", "--slcan", "--node", "5,6", "--flash", "f"}}) {
         ProcessResult r = Tessitor(args);
         EXPECT_EQ(r.nStatus, 2) << args.back() << ": " << r.sErr;
         EXPECT_FALSE(r.sErr.empty());
